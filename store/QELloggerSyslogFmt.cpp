@@ -1,0 +1,293 @@
+#include "QELloggerSyslogFmt.h"
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <cstdio>
+#include <cstdlib>
+#include <iostream>
+#include <limits>
+#include <memory>
+#include <optional>
+#include <utility>
+
+namespace {
+
+constexpr const char* temporaryDump = "/tmp/logger.txt";
+constexpr std::string_view textMark = " - ";
+
+// Positions of the fields, counted in blanks from the start of the message.
+constexpr int timestampToken = 1;
+constexpr int appNameToken = 3;
+constexpr int procIdToken = 4;
+
+constexpr bool isDigit(char c) {
+    return c >= '0' && c <= '9';
+}
+
+/// The k-th token, if the blank that ends it exists.
+std::optional<std::string_view> token(std::string_view message, int k) {
+    std::size_t begin = 0;
+    for (;; --k) {
+        const std::size_t blank = message.find(' ', begin);
+        if (blank == std::string_view::npos) {
+            return std::nullopt;
+        }
+        if (k == 0) {
+            return message.substr(begin, blank - begin);
+        }
+        begin = blank + 1;
+    }
+}
+
+int getToken(std::string_view message, int k, std::string& out) {
+    const auto found = token(message, k);
+    if (!found) {
+        return -1;
+    }
+    out = *found;
+    return 0;
+}
+
+/// Appends the display line; the caller has checked the filters.
+void appendLine(const QELloggerSyslogMsg& record, std::string& out) {
+    std::array<char, std::numeric_limits<std::int32_t>::digits10 + 2> severity{};
+    const auto end = std::to_chars(severity.begin(), severity.end(), record.severity).ptr;
+    out.append(record.timestamp).append(record.appName).append(1, ' ').append(record.procId);
+    out.append(1, '-').append(severity.begin(), end).append(": ").append(record.text);
+}
+
+struct FileCloser {
+    void operator()(std::FILE* file) const { std::fclose(file); }
+};
+
+} // namespace
+
+void QELloggerSyslogFmt::addComponents(std::uint32_t newCapacity,
+                                       const std::vector<std::string>& names) {
+    if (newCapacity != 0) {
+        capacity = newCapacity;
+    }
+    for (const std::string& name : names) {
+        components[name] = true;
+    }
+}
+
+void QELloggerSyslogFmt::append(std::string_view text) {
+    for (bool more = true; more;) {
+        std::size_t start = 0;
+        std::size_t end = text.size();
+        more = findMessage(text, start, end);
+        QELloggerSyslogMsg record;
+        if (extract(text.substr(start, end - start), record)) {
+            store(std::move(record));
+        }
+        text.remove_prefix(end);
+    }
+}
+
+void QELloggerSyslogFmt::store(QELloggerSyslogMsg&& record) {
+    const std::size_t length = record.raw.size();
+    if (byteCount + length > capacity && !messages.empty()) {
+        byteCount -= static_cast<std::uint32_t>(messages.front().raw.size());
+        messages.pop_front();
+    }
+    byteCount += static_cast<std::uint32_t>(length);
+    messages.push_back(std::move(record));
+    if (consoleEcho && passesFilters(messages.back())) {
+        printLine(formatMessage(messages.back()));
+    }
+}
+
+void QELloggerSyslogFmt::clear() {
+    messages.clear();
+    byteCount = 0;
+}
+
+void QELloggerSyslogFmt::setMaxSeverity(std::uint32_t level) {
+    if (level < severityCount) {
+        maxSeverity = static_cast<std::int32_t>(level);
+    }
+}
+
+void QELloggerSyslogFmt::enableComponent(std::string_view name) {
+    setComponent(name, true);
+}
+
+void QELloggerSyslogFmt::disableComponent(std::string_view name) {
+    setComponent(name, false);
+}
+
+void QELloggerSyslogFmt::setComponent(std::string_view name, bool value) {
+    const auto entry = components.find(name);
+    if (entry == components.end()) {
+        return;
+    }
+    entry->second = value;
+    if (consoleEcho) {
+        std::cout << "------ " << name << (value ? " enabled\r\n" : " disabled\r\n");
+    }
+}
+
+void QELloggerSyslogFmt::setAllComponents(bool value) {
+    for (auto& entry : components) {
+        entry.second = value;
+    }
+    if (consoleEcho) {
+        std::cout << "------ all " << (value ? "enabled\r\n" : "disabled\r\n");
+    }
+}
+
+bool QELloggerSyslogFmt::passesFilters(const QELloggerSyslogMsg& record) const {
+    const auto entry = components.find(record.appName);
+    const auto facility = static_cast<std::size_t>(record.facility);
+    return entry != components.end() && entry->second && facility < facilityFlags.size() &&
+           facilityFlags[facility] && minSeverity <= record.severity &&
+           record.severity <= maxSeverity;
+}
+
+std::string QELloggerSyslogFmt::formatMessage(const QELloggerSyslogMsg& record) const {
+    std::string line;
+    if (passesFilters(record)) {
+        appendLine(record, line);
+    }
+    return line;
+}
+
+void QELloggerSyslogFmt::printLine(std::string_view line) {
+    std::cout << line << "\r\n";
+}
+
+std::size_t QELloggerSyslogFmt::allMessages(std::string& out, bool formatted) const {
+    out.clear();
+    out.reserve(byteCount);
+    for (const QELloggerSyslogMsg& record : messages) {
+        if (!passesFilters(record)) {
+            continue;
+        }
+        if (formatted) {
+            appendLine(record, out);
+            out.append("\r\n");
+        } else {
+            out.append(record.raw);
+        }
+    }
+    return out.size();
+}
+
+std::string_view QELloggerSyslogFmt::newestRaw() const {
+    return messages.empty() ? std::string_view{} : messages.back().raw;
+}
+
+int QELloggerSyslogFmt::writeFile(const char* path) const {
+    const std::unique_ptr<std::FILE, FileCloser> file(std::fopen(path, "wte"));
+    if (!file) {
+        return fileNotOpened;
+    }
+    for (const QELloggerSyslogMsg& record : messages) {
+        const std::size_t length = record.raw.size();
+        if (std::fwrite(record.raw.data(), 1, length, file.get()) != length ||
+            std::fputc('\n', file.get()) == EOF) {
+            return fileShort;
+        }
+    }
+    return fileWritten;
+}
+
+int QELloggerSyslogFmt::dumpToFile(const char* target) const {
+    const int written = writeFile(temporaryDump);
+    if (written != fileWritten) {
+        return written;
+    }
+    const std::string command = std::string("(gzip -f ") + temporaryDump + "; mv " + temporaryDump +
+                                ".gz " + target + ".gz) &";
+    return std::system(command.c_str()) == 0 ? fileWritten : fileNotCompressed;
+}
+
+bool QELloggerSyslogFmt::findHeader(std::string_view text, std::size_t& offset,
+                                    std::size_t& length) {
+    for (std::size_t start = text.find('<'); start != std::string_view::npos;
+         start = text.find('<', start + 1)) {
+        std::size_t end = start + 1;
+        while (end < text.size() && isDigit(text[end])) {
+            ++end;
+        }
+        if (end > start + 1 && end + 1 < text.size() && text[end] == '>' &&
+            isDigit(text[end + 1])) {
+            offset = start;
+            length = end + 2 - start;
+            return true;
+        }
+    }
+    return false;
+}
+
+bool QELloggerSyslogFmt::findMessage(std::string_view text, std::size_t& start, std::size_t& end) {
+    std::size_t offset = 0;
+    std::size_t length = 0;
+    if (!findHeader(text, offset, length)) {
+        return false;
+    }
+    start = offset;
+    end = text.size();
+    const std::size_t body = offset + length;
+    if (!findHeader(text.substr(body), offset, length)) {
+        return false;
+    }
+    end = body + offset;
+    return true;
+}
+
+bool QELloggerSyslogFmt::extract(std::string_view message, QELloggerSyslogMsg& record) {
+    if (parsePriority(message, record.facility, record.severity) < 0 ||
+        getAppName(message, record.appName) != 0 || getProcId(message, record.procId) != 0 ||
+        getTimestamp(message, record.timestamp) != 0 || getText(message, record.text) != 0) {
+        return false;
+    }
+    record.raw = message;
+    return true;
+}
+
+int QELloggerSyslogFmt::parsePriority(std::string_view message, std::int32_t& facility,
+                                      std::int32_t& severity) {
+    const std::size_t open = message.find('<');
+    if (open == std::string_view::npos || open + 1 == message.size() ||
+        !isDigit(message[open + 1]) || message.find('>') == std::string_view::npos) {
+        return -1;
+    }
+    std::int32_t priority = 0;
+    const auto parsed =
+        std::from_chars(message.data() + open + 1, message.data() + message.size(), priority);
+    if (parsed.ec == std::errc::result_out_of_range) {
+        priority = std::numeric_limits<std::int32_t>::max();
+    }
+    severity = priority % static_cast<std::int32_t>(severityCount);
+    facility = (priority - severity) / static_cast<std::int32_t>(severityCount);
+    return priority;
+}
+
+int QELloggerSyslogFmt::getAppName(std::string_view message, std::string& appName) {
+    return getToken(message, appNameToken, appName);
+}
+
+int QELloggerSyslogFmt::getProcId(std::string_view message, std::string& procId) {
+    return getToken(message, procIdToken, procId);
+}
+
+int QELloggerSyslogFmt::getTimestamp(std::string_view message, std::string& timestamp) {
+    if (getToken(message, timestampToken, timestamp) != 0) {
+        return -1;
+    }
+    std::replace_if(
+        timestamp.begin(), timestamp.end(), [](char c) { return c == 'T' || c == 'Z'; }, ' ');
+    return 0;
+}
+
+int QELloggerSyslogFmt::getText(std::string_view message, std::string& text) {
+    const std::size_t mark = message.find(textMark);
+    if (mark == std::string_view::npos) {
+        return -1;
+    }
+    text = message.substr(mark + textMark.size());
+    return 0;
+}
