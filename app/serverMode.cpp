@@ -1,0 +1,71 @@
+#include "HVLoggerListener.h"
+#include "HVLoggerMediator.h"
+#include "HVLoggerModes.h"
+#include "HVLoggerTCPsockSrv.h"
+#include "HVLoggerVocabulary.h"
+#include "QELlogger5srvSel.h"
+#include "QELselector.h"
+#include "QELsockaddr4.h"
+
+#include <csignal>
+#include <iostream>
+#include <sys/socket.h>
+
+std::atomic<bool> appRunning = true;
+
+void onSignal(int signalNumber) {
+    if (signalNumber == SIGINT) {
+        appRunning = false;
+    }
+}
+
+int runServer(std::uint32_t address, const std::vector<std::string>& programNames) {
+    std::cout << "***** Halvane logger *****" << std::endl;
+    std::signal(SIGINT, onSignal);
+
+    QELlogger5srvSel logServer;
+    if (logServer.open(loggerPort) != 0) {
+        std::cout << "Cannot listen at logger port " << loggerPort << std::endl;
+        return -1;
+    }
+
+    HVLoggerMediator mediator;
+    HVLoggerListener listener(&mediator);
+    // Without a local system log messages are still collected and shown.
+    static_cast<void>(listener.init(storeCapacity, programNames));
+    logServer.listener = &listener;
+
+    HVLoggerTCPsockSrv tcpServer(&mediator);
+    QELsockaddr4 viewerAddress;
+    viewerAddress.setAddr(address);
+    viewerAddress.setPort(loggerPort);
+    if (tcpServer.open(AF_INET, SOCK_STREAM) != 0) {
+        std::cout << "Cannot open tcp logger" << std::endl;
+        return -1;
+    }
+    tcpServer.connFd = tcpServer.fd;
+    if (tcpServer.bind(viewerAddress) != 0) {
+        std::cout << "Cannot bind to port: " << viewerAddress.port() << std::endl;
+        return -1;
+    }
+    if (tcpServer.startListening() != 0) {
+        std::cout << "Cannot listen on port: " << viewerAddress.port() << std::endl;
+        return -1;
+    }
+
+    mediator.addComponent(idListener, &listener);
+    mediator.addComponent(idTcpServer, &tcpServer);
+
+    QELselector dispatcher;
+    dispatcher.addRead(&logServer, logServer.socket.fd);
+    while (appRunning) {
+        // Listening socket or viewer connection: whichever the state asks for now.
+        dispatcher.addRead(&tcpServer, tcpServer.getSelectFd());
+        const int result = dispatcher.runOnce();
+        if (result < 0) {
+            std::cout << "Select error " << result << std::endl;
+            return result;
+        }
+    }
+    return 0;
+}

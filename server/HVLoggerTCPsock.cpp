@@ -1,0 +1,67 @@
+#include "HVLoggerTCPsock.h"
+
+#include <array>
+#include <cstddef>
+#include <cstdio>
+#include <poll.h>
+#include <sys/socket.h>
+
+namespace {
+
+constexpr int chunkSize = 1500;
+/// A peer that sends faster than it is read must not keep a batch, and its memory, growing forever.
+constexpr std::size_t batchLimit = 4 * 1024 * 1024;
+
+bool readable(int fd) {
+    pollfd waiting{fd, POLLIN, 0};
+    return poll(&waiting, 1, 0) == 1;
+}
+
+} // namespace
+
+HVLoggerTCPsock::HVLoggerTCPsock(QELmediator* notified) : mediator(notified) {}
+
+int HVLoggerTCPsock::sendData(const void* data, int length) {
+    if (data == nullptr || length < 1) {
+        return 0;
+    }
+    if (fd < 0) {
+        return -1;
+    }
+    const ssize_t sent = ::send(connFd, data, static_cast<std::size_t>(length), MSG_NOSIGNAL);
+    if (sent < 1) {
+        std::perror("send");
+        return -2;
+    }
+    return static_cast<int>(sent);
+}
+
+int HVLoggerTCPsock::receiveData(void* buffer, int length) {
+    if (fd < 0 || buffer == nullptr || length < 1) {
+        return -1;
+    }
+    const ssize_t received = ::recv(connFd, buffer, static_cast<std::size_t>(length), 0);
+    if (received == 0) {
+        std::perror("recv(0)");
+        return 0;
+    }
+    if (received < 0) {
+        std::perror("recv");
+        return -2;
+    }
+    return static_cast<int>(received);
+}
+
+int HVLoggerTCPsock::readBatch() {
+    rxData.clear();
+    std::array<char, chunkSize> chunk{};
+    int received = 0;
+    do {
+        received = receiveData(chunk.data(), chunkSize);
+        if (received > 0) {
+            rxData.insert(rxData.end(), chunk.begin(), chunk.begin() + received);
+        }
+        // A full chunk may have been the last one: look before the next read.
+    } while (received == chunkSize && rxData.size() < batchLimit && readable(connFd));
+    return received;
+}

@@ -1,0 +1,26 @@
+#include "QELlogger5srv.h"
+
+#include "QELsockaddr4.h"
+
+int QELlogger5srv::open(std::uint16_t port) {
+    const QELsockaddr4 address = QELsockaddr4::any(port);
+    const int opened = socket.open(address.family());
+    return opened != 0 ? opened : socket.bind(address);
+}
+
+const char* QELlogger5srv::receive(int* length) {
+    const int count = socket.recvFrom(rxBuffer.get(), receiveLimit);
+    if (count < 1) {
+        return nullptr;
+    }
+    char& last = rxBuffer[static_cast<std::size_t>(count) - 1];
+    if (last == '\n') {
+        last = '\0';
+    } else {
+        rxBuffer[static_cast<std::size_t>(count)] = '\0';
+    }
+    if (length != nullptr) {
+        *length = count;
+    }
+    return rxBuffer.get();
+}

@@ -1,0 +1,32 @@
+#pragma once
+
+#include "QELsockBase.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+
+/// The receiving half of a log server: owns a datagram socket and the buffer that one datagram is
+/// read into.
+class QELlogger5srv {
+  public:
+    static constexpr unsigned receiveLimit = 5000; ///< bytes taken from one datagram at most
+
+    QELsockBase socket; ///< closed until open()
+
+    /// Opens the socket and binds it to @p port on every IPv4 interface.
+    /// @return 0, or the negative code of QELsockBase from the step that failed; a failed bind has
+    ///         printed its report line
+    int open(std::uint16_t port);
+
+    /// Waits for one datagram and reads it; what it holds beyond receiveLimit is lost. One line
+    /// feed at its end is removed.
+    /// @param length  if given, receives the number of bytes read, a removed line feed included;
+    ///                unchanged when nothing was read
+    /// @return the zero-terminated text, valid until the next call; null when the read failed or
+    ///         yielded nothing
+    const char* receive(int* length = nullptr);
+
+  private:
+    std::unique_ptr<char[]> rxBuffer = std::make_unique<char[]>(receiveLimit + 1);
+};

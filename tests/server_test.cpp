@@ -1,0 +1,224 @@
+#include "HVLoggerListener.h"
+#include "HVLoggerMediator.h"
+#include "HVLoggerModes.h"
+#include "HVLoggerTCPsockCli.h"
+#include "HVLoggerTCPsockSrv.h"
+#include "HVLoggerVocabulary.h"
+#include "QELtokenBucket.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <csignal>
+#include <string>
+#include <thread>
+
+namespace {
+
+using testing::_;
+
+template <class Condition>
+bool eventually(Condition condition) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            return false;
+        }
+        std::this_thread::yield();
+    }
+    return true;
+}
+
+TEST(TokenBucket, CountClimbsToOneBelowTheCapacity) {
+    for (const auto& [capacity, highest] : {std::pair{10U, 9U}, {2U, 1U}, {1U, 0U}, {0U, 0U}}) {
+        QELtokenBucket bucket;
+        ASSERT_EQ(bucket.start(1'000'000, capacity), 0);
+        EXPECT_EQ(bucket.periodNs, 1000U);
+        EXPECT_TRUE(eventually([&, wanted = highest] { return bucket.tokens == wanted; }));
+        bucket.stop();
+        for (int more = 0; more < 3; ++more) {
+            bucket.refill();
+        }
+        EXPECT_EQ(bucket.tokens, highest);
+    }
+}
+
+TEST(TokenBucket, TakeStopsAtZero) {
+    QELtokenBucket bucket;
+    bucket.tokens = 620;
+    const struct {
+        std::uint32_t count;
+        std::uint32_t left;
+    } cases[] = {{0, 620}, {500, 120}, {500, 0}, {0, 0}, {0xFFFFFFFF, 0}};
+    for (const auto& c : cases) {
+        bucket.take(c.count);
+        EXPECT_EQ(bucket.tokens, c.left);
+    }
+}
+
+TEST(TokenBucket, StartsStopsAndRestartsWithItsCount) {
+    QELtokenBucket bucket;
+    bucket.stop();
+    EXPECT_EQ(bucket.start(0, 100), -1);
+    EXPECT_EQ(bucket.capacity, 0U);
+    EXPECT_FALSE(bucket.running);
+    ASSERT_EQ(bucket.start(10000, 100), 0);
+    EXPECT_EQ(bucket.start(1, 5), -1);
+    EXPECT_EQ(bucket.capacity, 100U);
+    EXPECT_EQ(bucket.periodNs, 100000U);
+    EXPECT_TRUE(eventually([&] { return bucket.tokens > 3; }));
+    bucket.stop();
+    bucket.stop();
+    EXPECT_EQ(bucket.thread, nullptr);
+    const std::uint32_t kept = bucket.tokens;
+    EXPECT_GT(kept, 3U);
+    ASSERT_EQ(bucket.start(10000, 100), 0);
+    EXPECT_GE(bucket.tokens, kept);
+    // Destroyed while it runs: its thread has ended when the destructor returns.
+}
+
+TEST(TokenBucket, RefillAndTakeAtTheSameMomentLoseNothing) {
+    constexpr std::uint32_t each = 200'000;
+    QELtokenBucket bucket;
+    bucket.capacity = 0xFFFFFFFF;
+    bucket.tokens = each; // takes never find it empty
+    std::thread refilling([&bucket] {
+        for (std::uint32_t n = 0; n < each; ++n) {
+            bucket.refill();
+        }
+    });
+    for (std::uint32_t n = 0; n < each; ++n) {
+        bucket.take(1);
+    }
+    refilling.join();
+    EXPECT_EQ(bucket.tokens, each);
+}
+
+class MediatorMock : public QELmediator {
+  public:
+    MOCK_METHOD(void, notify, (int destinationId, int messageType, void* payload), (override));
+};
+
+TEST(Listener, RefusesDatagramsWhileTheLimiterIsEmpty) {
+    testing::StrictMock<MediatorMock> mediator;
+    HVLoggerListener listener(&mediator);
+    const std::string line = "<14>1 t d sip 1 - text";
+    EXPECT_CALL(mediator, notify(idTcpServer, msgNewMessage, nullptr)).Times(2);
+    listener.onLogMessage(line.c_str(), 0); // stopped: always passes
+    EXPECT_EQ(listener.messages.size(), 1U);
+    listener.rateLimiter.running = true; // running, without the thread that would refill it
+    listener.onLogMessage(line.c_str(), 0);
+    EXPECT_EQ(listener.messages.size(), 1U);
+    listener.rateLimiter.tokens = 1; // one token admits any length
+    listener.onLogMessage(line.c_str(), 0);
+    EXPECT_EQ(listener.messages.size(), 2U);
+    EXPECT_EQ(listener.rateLimiter.tokens, 0U);
+    listener.rateLimiter.running = false;
+
+    EXPECT_EQ(listener.startRateLimit(), 0);
+    EXPECT_EQ(listener.rateLimiter.capacity, 1048576U);
+    EXPECT_EQ(listener.rateLimiter.periodNs, 100000U);
+}
+
+TEST(Listener, PassesTheDumpRequestOnAndNothingElse) {
+    testing::StrictMock<MediatorMock> mediator;
+    HVLoggerListener listener(&mediator);
+    std::string fileName;
+    EXPECT_CALL(mediator, notify(idListener, msgWriteFile, _))
+        .WillOnce([&fileName](int, int, void* payload) { fileName = static_cast<char*>(payload); });
+    listener.onLogMessage("<14>1 t d sip 1 - xR4tNc8vLq2!&=^_x", 0);
+    EXPECT_EQ(fileName, "logger.txt");
+    EXPECT_TRUE(listener.messages.empty());
+    HVLoggerListener alone(nullptr);
+    alone.onLogMessage("<14>1 t d sip 1 - R4tNc8vLq2!&=^_", 0);
+    alone.onLogMessage("<14>1 t d sip 1 - text", 0);
+    EXPECT_EQ(alone.messages.size(), 1U);
+}
+
+TEST(LogServer, PrintsTextsThatNobodyListensTo) {
+    QELlogger5srvSel server;
+    testing::internal::CaptureStdout();
+    server.onMessage("line", 4);
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "line\n");
+}
+
+TEST(Mediator, MissingDestinationsAreReportedAndUnknownTypesIgnored) {
+    const auto printed = [](HVLoggerMediator& mediator, int id, int type) {
+        std::string text;
+        testing::internal::CaptureStdout();
+        mediator.notify(id, type, &text);
+        std::cout.flush();
+        return testing::internal::GetCapturedStdout();
+    };
+    HVLoggerMediator empty;
+    for (int type = msgAddMessages; type <= msgTriggerRemoteDump; ++type) {
+        for (const int id : {-1, 0, 1, 2, 3, 7}) {
+            EXPECT_EQ(printed(empty, id, type),
+                      "No valid object with id: " + std::to_string(id) + "\r\n");
+        }
+    }
+    EXPECT_EQ(printed(empty, 0, 13), "");
+    EXPECT_EQ(printed(empty, 0, -1), "");
+
+    HVLoggerMediator mediator;
+    QELloggerSyslogFmt store;
+    QELloggerSyslogFmt later;
+    HVLoggerTCPsockSrv server(&mediator);
+    mediator.addComponent(idStore, &store);
+    mediator.addComponent(idStore, &later);
+    mediator.addComponent(idTcpServer, &server);
+    mediator.addComponent(idListener, nullptr);
+    EXPECT_EQ(mediator.getComponent(idStore), &store);
+    EXPECT_EQ(printed(mediator, idTcpServer, msgWriteFile), "No valid object with id: 2\r\n");
+    EXPECT_EQ(printed(mediator, idListener, msgGetNewestRaw), "No valid object with id: 1\r\n");
+    store.append("<14>1 t d sip 1 - text");
+    EXPECT_EQ(printed(mediator, idStore, msgReloadAll), ""); // no client to ask for more
+    EXPECT_TRUE(store.messages.empty());
+}
+
+TEST(Mediator, NewestRawOfAnEmptyStoreLeavesTheTextAlone) {
+    HVLoggerMediator mediator;
+    HVLoggerListener listener(&mediator);
+    mediator.addComponent(idListener, &listener);
+    std::string text = "before";
+    mediator.notify(idListener, msgGetNewestRaw, &text);
+    EXPECT_EQ(text, "before");
+    listener.append("<14>1 t d ui 1 - text");
+    mediator.notify(idListener, msgGetNewestRaw, &text);
+    EXPECT_EQ(text, "<14>1 t d ui 1 - text");
+    mediator.notify(idListener, msgGetAllRaw, &text);
+    EXPECT_EQ(text, "");
+}
+
+TEST(TcpComponents, RefuseWhatCannotBeTransferred) {
+    HVLoggerMediator mediator;
+    HVLoggerTCPsockSrv server(&mediator);
+    char byte = 0;
+    EXPECT_EQ(server.sendData(nullptr, 1), 0);
+    EXPECT_EQ(server.sendData(&byte, 0), 0);
+    EXPECT_EQ(server.sendData(&byte, 1), -1);
+    EXPECT_EQ(server.receiveData(&byte, 1), -1);
+    ASSERT_EQ(server.open(AF_INET, SOCK_STREAM), 0);
+    server.connFd = server.fd;
+    EXPECT_EQ(server.receiveData(nullptr, 1), -1);
+    EXPECT_EQ(server.receiveData(&byte, -1), -1);
+    EXPECT_EQ(server.sendData(&byte, 1), -2); // never connected: a broken pipe
+    EXPECT_EQ(server.receiveData(&byte, 1), -2);
+    EXPECT_FALSE(server.acceptViewer());
+    EXPECT_EQ(server.state, HVLoggerTCPsockSrv::stateListening);
+    server.state = 5;
+    EXPECT_EQ(server.getSelectFd(), 0);
+    EXPECT_TRUE(server.onReady(0));
+}
+
+TEST(Signals, OnlyAnInterruptEndsTheServer) {
+    onSignal(SIGTERM);
+    EXPECT_TRUE(appRunning);
+    onSignal(SIGINT);
+    EXPECT_FALSE(appRunning);
+    appRunning = true;
+}
+
+} // namespace
