@@ -1,0 +1,36 @@
+#!/bin/sh
+# isolated.sh COMMAND...: runs a command with ports, /tmp and /dev/log of its own, so that it neither
+# meets nor disturbs anything else on the machine. Where the system does not allow that, the command
+# runs as it is, with HVLOGGER_SHARED=1 in its environment.
+set -eu
+
+if [ "${1-}" = --inside ]; then
+    shift
+    ip link set lo up
+    # A server that is stopped with a viewer connected would leave the port in TIME_WAIT for the next.
+    echo 0 >/proc/sys/net/ipv4/tcp_max_tw_buckets
+    # Private layers: what is there stays visible, what is written stays here.
+    mount -t tmpfs tmpfs /mnt
+    mkdir /mnt/up /mnt/work /mnt/dev
+    mount -t overlay overlay -o lowerdir=/tmp,upperdir=/mnt/up,workdir=/mnt/work /tmp
+    for node in null zero full random urandom tty; do
+        : >/mnt/dev/$node
+        mount --bind /dev/$node /mnt/dev/$node
+    done
+    mkdir /mnt/dev/pts /mnt/dev/shm
+    mount -t devpts -o newinstance,ptmxmode=0666,mode=0620 devpts /mnt/dev/pts
+    mount --bind /dev/shm /mnt/dev/shm
+    ln -s pts/ptmx /mnt/dev/ptmx
+    ln -s /proc/self/fd /mnt/dev/fd
+    mount --rbind /mnt/dev /dev
+    exec "$@"
+fi
+
+for spaces in "--net --mount" "--user --map-root-user --net --mount"; do
+    # shellcheck disable=SC2086 # the options are words
+    if unshare $spaces --propagation private "$0" --inside true 2>/dev/null; then
+        exec unshare $spaces --propagation private "$0" --inside "$@"
+    fi
+done
+echo "isolated.sh: no private namespaces here, running on the shared ones" >&2
+HVLOGGER_SHARED=1 exec "$@"
