@@ -1,0 +1,36 @@
+#!/usr/bin/env bash
+# Installs what is missing, builds with warnings as errors, checks format and clang-tidy, and runs
+# all tests: under the sanitizers first, then as shipped. Ends with CTest's summary.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+. scripts/packages.sh
+install_missing g++ cmake ninja-build gzip bsdutils util-linux iproute2 pkg-config \
+    libgtest-dev libgmock-dev clang-format clang-tidy python3
+
+step() { printf '\n=== %s\n' "$*"; }
+sources() { git ls-files --cached --others --exclude-standard -- '*.h' '*.cpp'; }
+
+step "Format"
+sources | xargs clang-format --dry-run --Werror
+
+step "Build, warnings are errors"
+cmake --preset test
+cmake --build --preset test
+
+step "clang-tidy"
+sources | grep '\.cpp$' | grep -v '^bench/' |
+    xargs -P "$(nproc)" -n 1 clang-tidy --quiet -p build-test
+
+step "Address and undefined-behaviour sanitizers"
+cmake --preset asan
+cmake --build --preset asan
+ctest --test-dir build-asan --output-on-failure -j "$(nproc)"
+
+step "Thread sanitizer"
+cmake --preset tsan
+cmake --build --preset tsan
+ctest --test-dir build-tsan --output-on-failure -j "$(nproc)" -L threads
+
+step "As shipped"
+ctest --test-dir build-test --output-on-failure -j "$(nproc)"
