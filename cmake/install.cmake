@@ -1,0 +1,26 @@
+# The support library as a package for other projects: headers, static libraries, a CMake package
+# and a pkg-config file. All of it finds its parts from where it lies, so it can be moved.
+include(GNUInstallDirs)
+include(CMakePackageConfigHelpers)
+
+foreach(part mediator selector socket time logger)
+  set_target_properties(qel${part} PROPERTIES EXPORT_NAME ${part})
+  target_compile_features(qel${part} INTERFACE cxx_std_20)
+  install(TARGETS qel${part} EXPORT hvlogger ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
+  install(DIRECTORY lib/${part}/ DESTINATION include/hvlogger
+    FILES_MATCHING PATTERN "*.h" PATTERN QELlogger5line.h EXCLUDE)
+endforeach()
+
+set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/hvlogger)
+install(EXPORT hvlogger NAMESPACE hvlogger:: FILE hvloggerTargets.cmake DESTINATION ${package_dir})
+configure_package_config_file(cmake/hvloggerConfig.cmake.in
+  ${CMAKE_CURRENT_BINARY_DIR}/hvloggerConfig.cmake INSTALL_DESTINATION ${package_dir})
+write_basic_package_version_file(
+  ${CMAKE_CURRENT_BINARY_DIR}/hvloggerConfigVersion.cmake COMPATIBILITY SameMajorVersion)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/hvloggerConfig.cmake
+  ${CMAKE_CURRENT_BINARY_DIR}/hvloggerConfigVersion.cmake DESTINATION ${package_dir})
+
+file(RELATIVE_PATH prefix_from_pc /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
+configure_file(cmake/hvlogger.pc.in ${CMAKE_CURRENT_BINARY_DIR}/hvlogger.pc @ONLY)
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/hvlogger.pc
+  DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

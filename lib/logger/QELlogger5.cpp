@@ -1,0 +1,52 @@
+#include "QELlogger5.h"
+
+#include "QELclock.h"
+
+#include <algorithm>
+#include <cstddef>
+
+QELlogger5::Streamer::Streamer(QELlogger5* logger, std::int32_t level)
+    : std::stringbuf(std::ios_base::in | std::ios_base::out), std::ostream(
+                                                                  static_cast<std::stringbuf*>(
+                                                                      this)),
+      owner(logger), severity(level) {}
+
+int QELlogger5::Streamer::sync() {
+    const int result = owner->log(view(), severity);
+    str(std::string()); // keeps the buffer's storage for the next statement
+    return result;
+}
+
+QELlogger5::QELlogger5()
+    : streamers{Streamer(this, 0), Streamer(this, 1), Streamer(this, 2), Streamer(this, 3),
+                Streamer(this, 4), Streamer(this, 5), Streamer(this, 6), Streamer(this, 7)} {}
+
+void QELlogger5::setup(std::string_view newHostName, std::string_view newAppName,
+                       const Formatter* newFormatter, Sender* newSender) {
+    hostName = newHostName;
+    appName = newAppName;
+    formatter = newFormatter;
+    sender = newSender;
+}
+
+std::ostream& QELlogger5::stream(int severity) {
+    return streamers[static_cast<std::size_t>(std::clamp(severity, 0, 7))];
+}
+
+int QELlogger5::log(std::string_view text, int severity) const {
+    if (formatter == nullptr || sender == nullptr) {
+        return -1;
+    }
+    if (severity > maxSeverity) {
+        return 0;
+    }
+    return sender->send(formatter->format(severity, hostName, appName, text));
+}
+
+std::uint64_t QELlogger5::utcNowUs() {
+    return static_cast<std::uint64_t>(nowUtc());
+}
+
+QELlogger5::TimeParts QELlogger5::breakDownUtc(std::uint64_t time) {
+    return gregorianFromMicros(time);
+}
