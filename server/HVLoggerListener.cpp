@@ -49,7 +49,7 @@ void HVLoggerListener::onLogMessage(const char* text, int /*length*/) {
     getText(datagram, messageText);
     const int priority = parsePriority(datagram, facility, severity);
     getAppName(datagram, identity);
-    devLog.syslogRaw(messageText, identity, priority < 0 ? defaultPriority : priority);
+    localLog.pass(messageText, identity, priority < 0 ? defaultPriority : priority);
 
     if (mediator != nullptr) {
         mediator->notify(idTcpServer, msgNewMessage, nullptr);

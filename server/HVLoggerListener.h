@@ -1,5 +1,6 @@
 #pragma once
 
+#include "HVLoggerLocalLog.h"
 #include "QELlogger5_DEV.h"
 #include "QELlogger5srvSel.h"
 #include "QELloggerSyslogFmt.h"
@@ -12,8 +13,8 @@
 
 /// The server's side of one log line: is the message store, owns the sender to the local system log
 /// and the rate limiter, and does not own the mediator. Each datagram is stored, passed on to the
-/// local system log, and announced to the TCP server; one that holds the trigger marker makes the
-/// store write its dump instead.
+/// local system log unless that stands still (HVLoggerLocalLog), and announced to the TCP server;
+/// one that holds the trigger marker makes the store write its dump instead.
 class HVLoggerListener : public QELlogger5srvSel::Listener, public QELloggerSyslogFmt {
   public:
     static constexpr std::uint32_t rateLimit = 10000; ///< tokens per second of startRateLimit()
@@ -36,4 +37,7 @@ class HVLoggerListener : public QELlogger5srvSel::Listener, public QELloggerSysl
     QELmediator* mediator;      ///< not owned
     QELlogger5_DEV devLog;      ///< to the local system log
     QELtokenBucket rateLimiter; ///< stopped
+
+  private:
+    HVLoggerLocalLog localLog{devLog};
 };

@@ -1,6 +1,7 @@
 #include "HVLoggerTCPsock.h"
 
 #include <array>
+#include <cerrno>
 #include <cstddef>
 #include <cstdio>
 #include <poll.h>
@@ -42,6 +43,7 @@ int HVLoggerTCPsock::receiveData(void* buffer, int length) {
     }
     const ssize_t received = ::recv(connFd, buffer, static_cast<std::size_t>(length), 0);
     if (received == 0) {
+        errno = 0; // no error: the report is not to name some earlier one
         std::perror("recv(0)");
         return 0;
     }
@@ -52,8 +54,7 @@ int HVLoggerTCPsock::receiveData(void* buffer, int length) {
     return static_cast<int>(received);
 }
 
-int HVLoggerTCPsock::readBatch() {
-    rxData.clear();
+int HVLoggerTCPsock::readArrived() {
     std::array<char, chunkSize> chunk{};
     int received = 0;
     do {

@@ -44,8 +44,8 @@ class HVLoggerTCPsock : public QELsockCONN, public QELselRcv {
     int receiveData(void* buffer, int length);
 
   protected:
-    /// Reads into rxData what has arrived, in chunks, until one is not filled. Only the first read
-    /// may wait; call it when connFd is readable.
-    /// @return the last receiveData() result: positive when the batch is complete
-    int readBatch();
+    /// Reads what has arrived, in chunks, until one is not filled, and appends it to rxData. Only
+    /// the first read may wait; call it when connFd is readable.
+    /// @return the last receiveData() result: positive when the peer is still there
+    int readArrived();
 };

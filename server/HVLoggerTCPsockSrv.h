@@ -1,12 +1,21 @@
 #pragma once
 
 #include "HVLoggerTCPsock.h"
+#include "QELselTimer.h"
 
+#include <cstddef>
 #include <cstdint>
+#include <string>
+#include <string_view>
 
 /// The server's end of the viewer connection: owns the listening socket and, while a viewer is
 /// there, its connection. One viewer at a time; others wait in the backlog, and meanwhile the
 /// listening socket is not watched.
+///
+/// A viewer never holds up the server. What its connection cannot take at once is kept in order and
+/// sent as the connection becomes writable; a viewer that leaves more than pendingLimit bytes
+/// unread is disconnected, and so is one that has vanished: the connection's keep-alive finds it
+/// when nothing is sent, and acknowledgements that stay away when something is.
 ///
 /// The owner opens and binds the socket, sets connFd to it, calls startListening(), and registers
 /// this receiver for reading under getSelectFd() before every dispatcher cycle.
@@ -52,4 +61,37 @@ class HVLoggerTCPsockSrv : public HVLoggerTCPsock {
 
     /// Sends the newest stored message to the viewer, if one is connected.
     void forwardNewest();
+
+    /// What the viewer's connection could not take yet, at most.
+    static constexpr std::size_t pendingLimit = 4 * 1024 * 1024;
+
+  private:
+    /// Sends what is pending when the connection is writable.
+    class Writer : public QELselRcv {
+      public:
+        explicit Writer(HVLoggerTCPsockSrv& server) : owner(server) {}
+        bool onReady(std::int64_t nowUs) override;
+
+      private:
+        HVLoggerTCPsockSrv& owner;
+    };
+
+    /// Looks now and then whether the viewer still acknowledges what it was sent.
+    class Watch : public QELselTimer {
+      public:
+        explicit Watch(HVLoggerTCPsockSrv& server) : owner(server) {}
+        std::uint64_t onTimer(std::int64_t nowUs) override;
+
+      private:
+        HVLoggerTCPsockSrv& owner;
+    };
+
+    void sendToViewer(std::string_view text);
+    std::size_t sendNow(std::string_view text);
+    bool viewerVanished() const;
+    void hangUp();
+
+    std::string pending; // accepted for the viewer and not sent yet, oldest first
+    Writer writer{*this};
+    Watch watch{*this};
 };

@@ -23,6 +23,7 @@ if [ "${1-}" = --inside ]; then
     ln -s pts/ptmx /mnt/dev/ptmx
     ln -s /proc/self/fd /mnt/dev/fd
     mount --rbind /mnt/dev /dev
+    cd "$PWD" # into the new layer, if it lies there
     exec "$@"
 fi
 

@@ -4,6 +4,8 @@
 #include "HVLoggerTCPsockCli.h"
 #include "HVLoggerTCPsockSrv.h"
 #include "HVLoggerVocabulary.h"
+#include "QELselector.h"
+#include "QELsockaddr4.h"
 #include "QELtokenBucket.h"
 
 #include <gmock/gmock.h>
@@ -12,8 +14,12 @@
 #include <atomic>
 #include <chrono>
 #include <csignal>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <string>
+#include <sys/ioctl.h>
 #include <thread>
+#include <vector>
 
 namespace {
 
@@ -211,6 +217,111 @@ TEST(TcpComponents, RefuseWhatCannotBeTransferred) {
     server.state = 5;
     EXPECT_EQ(server.getSelectFd(), 0);
     EXPECT_TRUE(server.onReady(0));
+}
+
+/// A connected TCP pair whose segments are small, with the viewer's end in a client component.
+struct ViewerLink {
+    HVLoggerTCPsockCli client;
+    QELsockBase server;
+
+    explicit ViewerLink(QELmediator* mediator) : client(mediator) {
+        QELsockCONN listener;
+        QELsockaddr4 address = QELsockaddr4::loopback(0);
+        sockaddr_in bound{};
+        socklen_t length = sizeof bound;
+        const int segment = 1000;
+        EXPECT_EQ(listener.open(AF_INET, SOCK_STREAM), 0);
+        EXPECT_EQ(listener.bind(address), 0);
+        EXPECT_EQ(getsockname(listener.fd, reinterpret_cast<sockaddr*>(&bound), &length), 0);
+        address.setPort(ntohs(bound.sin_port));
+        EXPECT_EQ(listener.listen(1), 0);
+        EXPECT_EQ(client.open(AF_INET, SOCK_STREAM), 0);
+        EXPECT_EQ(client.setOption(IPPROTO_TCP, TCP_MAXSEG, &segment, sizeof segment), 0);
+        EXPECT_EQ(client.connect(address), 0);
+        EXPECT_EQ(listener.accept(server, nullptr), 0);
+        const int on = 1;
+        EXPECT_EQ(server.setOption(IPPROTO_TCP, TCP_NODELAY, &on, sizeof on), 0);
+    }
+    void send(const std::string& text) const {
+        EXPECT_EQ(::send(server.fd, text.data(), text.size(), MSG_NOSIGNAL),
+                  static_cast<ssize_t>(text.size()));
+    }
+    int unread() const {
+        int count = 0;
+        EXPECT_EQ(ioctl(client.fd, FIONREAD, &count), 0);
+        return count;
+    }
+};
+
+TEST(TcpClient, JoinsPiecesThatFollowEachOtherAndOnlyThose) {
+    testing::StrictMock<MediatorMock> mediator;
+    std::vector<std::string> batches;
+    EXPECT_CALL(mediator, notify(idStore, msgAddMessages, _))
+        .WillRepeatedly([&batches](int, int, void* payload) {
+            batches.push_back(*static_cast<const std::string*>(payload));
+        });
+    ViewerLink link(&mediator);
+    HVLoggerTCPsockCli& client = link.client;
+    const std::string large = "<14>1 t d sip 1 - " + std::string(3000, 'x');
+
+    // The second piece leaves as soon as the first was read; once in a few tries it is in time.
+    bool joined = false;
+    for (int attempt = 0; attempt < 1000 && !joined; ++attempt) {
+        batches.clear();
+        link.send(large.substr(0, 2000));
+        std::thread rest([&] {
+            EXPECT_TRUE(eventually([&] { return link.unread() == 0; }));
+            link.send(large.substr(2000));
+        });
+        EXPECT_TRUE(client.onReady(QELselector::nowUs()));
+        rest.join();
+        joined = batches.front() == large;
+        if (!joined) {
+            EXPECT_TRUE(client.onReady(QELselector::nowUs()));
+        }
+    }
+    EXPECT_TRUE(joined);
+
+    // Less than a segment is whole: nothing is waited for, so a later piece is a batch of its own.
+    batches.clear();
+    link.send("<14>1 t d sip 1 - sh");
+    EXPECT_TRUE(client.onReady(QELselector::nowUs()));
+    link.send("ort");
+    EXPECT_TRUE(client.onReady(QELselector::nowUs()));
+    EXPECT_THAT(batches, testing::ElementsAre("<14>1 t d sip 1 - sh", "ort"));
+}
+
+TEST(TcpClient, CutsAnEndlessFlowAtTheStartOfAMessage) {
+    testing::StrictMock<MediatorMock> mediator;
+    std::vector<std::string> batches;
+    EXPECT_CALL(mediator, notify(idStore, msgAddMessages, _))
+        .WillRepeatedly([&batches](int, int, void* payload) {
+            batches.push_back(*static_cast<const std::string*>(payload));
+        });
+    ViewerLink link(&mediator);
+    HVLoggerTCPsockCli& client = link.client;
+    link.send("<14>1 t d sip 1 - one<14>1 t d sip 1 - two<14>1 t d sip 1 - " +
+              std::string(2000, 'x'));
+    std::atomic<bool> flowing = true;
+    std::thread flow([&] {
+        while (flowing) {
+            link.send("y");
+        }
+    });
+    // A cycle that began long ago: its time for this batch is over.
+    bool cut = false;
+    for (int attempt = 0; attempt < 1000 && !cut; ++attempt) {
+        EXPECT_TRUE(client.onReady(0));
+        cut = batches.back().ends_with("two");
+        if (!cut) { // the flow had paused: once more
+            link.send("<14>1 t d sip 1 - two<14>1 t d sip 1 - " + std::string(2000, 'x'));
+        }
+    }
+    flowing = false;
+    flow.join();
+    EXPECT_TRUE(cut);
+    EXPECT_TRUE(client.onReady(QELselector::nowUs()));
+    EXPECT_TRUE(batches.back().starts_with("<14>1 t d sip 1 - xxx"));
 }
 
 TEST(Signals, OnlyAnInterruptEndsTheServer) {
