@@ -22,8 +22,8 @@ class HVLoggerMediator : public QELmediator {
     void addComponent(int id, void* component);
 
     /// The component registered under @p id, or null.
-    void* getComponent(int id) const;
+    [[nodiscard]] void* getComponent(int id) const;
 
   private:
-    QELloggerSyslogFmt* storeOf(int id) const;
+    [[nodiscard]] QELloggerSyslogFmt* storeOf(int id) const;
 };

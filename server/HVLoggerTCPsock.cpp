@@ -11,7 +11,7 @@ namespace {
 
 constexpr int chunkSize = 1500;
 /// A peer that sends faster than it is read must not keep a batch, and its memory, growing forever.
-constexpr std::size_t batchLimit = 4 * 1024 * 1024;
+constexpr std::size_t batchLimit = 0x400000;
 
 bool readable(int fd) {
     pollfd waiting{fd, POLLIN, 0};

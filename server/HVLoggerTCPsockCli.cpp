@@ -15,7 +15,7 @@
 
 namespace {
 
-constexpr int gapMs = 5;
+constexpr int gapMs = 8; // a slow link's bursts are a few milliseconds apart
 constexpr std::int64_t batchLimitUs = 50'000;
 
 /// Whether bytes, not just the peer's end, arrive within the given time.

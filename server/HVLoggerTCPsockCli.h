@@ -32,7 +32,7 @@ class HVLoggerTCPsockCli : public HVLoggerTCPsock {
 
   private:
     int sendCommand(Command command);
-    bool fillsSegment() const;
+    [[nodiscard]] bool fillsSegment() const;
 
     std::vector<char> nextMessage; // start of a message that the last batch was cut in front of
 };

@@ -40,7 +40,7 @@ class HVLoggerTCPsockSrv : public HVLoggerTCPsock {
     int startListening();
 
     /// The descriptor to watch in the present state.
-    int getSelectFd() const;
+    [[nodiscard]] int getSelectFd() const;
 
     /// Accepts a viewer, or reads its commands. @return false when the connection is to be watched
     /// no longer: it has closed, or the read failed
@@ -63,7 +63,7 @@ class HVLoggerTCPsockSrv : public HVLoggerTCPsock {
     void forwardNewest();
 
     /// What the viewer's connection could not take yet, at most.
-    static constexpr std::size_t pendingLimit = 4 * 1024 * 1024;
+    static constexpr std::size_t pendingLimit = 0x400000; // 4 MiB
 
   private:
     /// Sends what is pending when the connection is writable.
@@ -88,7 +88,7 @@ class HVLoggerTCPsockSrv : public HVLoggerTCPsock {
 
     void sendToViewer(std::string_view text);
     std::size_t sendNow(std::string_view text);
-    bool viewerVanished() const;
+    [[nodiscard]] bool viewerVanished() const;
     void hangUp();
 
     std::string pending; // accepted for the viewer and not sent yet, oldest first
