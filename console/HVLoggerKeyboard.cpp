@@ -147,7 +147,7 @@ bool HVLoggerKeyboard::onReady(std::int64_t /*nowUs*/) {
     return true;
 }
 
-bool HVLoggerKeyboard::switchComponent(int key) {
+bool HVLoggerKeyboard::switchComponent(int key) const {
     for (const ComponentKey& component : componentKeys) {
         if (key == component.enable || key == component.disable) {
             std::string name = component.name;

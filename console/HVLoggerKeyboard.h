@@ -47,7 +47,7 @@ class HVLoggerKeyboard : public QELselRcv {
 
   private:
     /// @return false if @p key switches no component
-    bool switchComponent(int key);
+    bool switchComponent(int key) const;
 
     bool inputEnded = false;
 };

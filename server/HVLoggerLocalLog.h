@@ -10,15 +10,16 @@
 /// a place in the queue of the log's socket, and would wait until the log's daemon reads again.
 /// Does not own the sender, through whose socket it looks at the queue.
 ///
-/// A full queue alone is no standstill, a daemon that reads as fast as it can may have one in every
-/// burst. A line therefore waits for a place, up to standstill since the queue had one at first
-/// sight. After that lines are skipped without waiting, until the daemon has caught up; one line of
-/// this program's own then tells the log how many.
+/// A full queue alone is no standstill: the queue is short (net.unix.max_dgram_qlen), and a daemon
+/// in good health fills it in every burst. Lines therefore wait for a place, but from one that
+/// found a place at once to the next such one not longer than standstill in all. After that lines
+/// are skipped without waiting, until the daemon has caught up; one line of this program's own then
+/// tells the log how many.
 ///
 /// Without a log, or with one that does not take datagrams, every line goes to syslog(3).
 class HVLoggerLocalLog {
   public:
-    /// Waiting for places in a queue that is always full, in all, until lines are skipped.
+    /// Total wait for places in a queue that is always full, until lines are skipped.
     static constexpr std::chrono::milliseconds standstill{20};
 
     /// How long the socket found under the log's name is taken for the present one. A daemon that
@@ -37,7 +38,7 @@ class HVLoggerLocalLog {
     using Clock = std::chrono::steady_clock;
 
     void lookUp(Clock::time_point now);
-    bool hasPlace(std::chrono::milliseconds timeout) const;
+    [[nodiscard]] bool hasPlace(std::chrono::milliseconds timeout) const;
     bool takesLine();
     void reportSkipped();
 

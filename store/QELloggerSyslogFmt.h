@@ -33,10 +33,11 @@ class QELloggerSyslogFmt {
 
     /// Results of writeFile() and dumpToFile().
     enum FileResult : int {
-        fileWritten = 0,       ///< written, and for a dump its compression started
-        fileNotOpened = -1,    ///< the file could not be opened
-        fileShort = -2,        ///< a write was short: the file is closed and incomplete
-        fileNotCompressed = -3 ///< the shell could not be run or failed
+        fileWritten = 0,        ///< written, and for a dump its compression started
+        fileNotOpened = -1,     ///< the file could not be opened
+        fileShort = -2,         ///< not all could be written: the file is closed and incomplete
+        fileNotCompressed = -3, ///< the shell could not be run or failed
+        fileBusy = -4           ///< not begun: the last dump is still being compressed
     };
 
     std::list<QELloggerSyslogMsg> messages;              ///< oldest first
@@ -73,11 +74,11 @@ class QELloggerSyslogFmt {
 
     /// Whether @p record is displayed: its program is switched on, its facility is known and
     /// switched on, and its severity is in the displayed range.
-    bool passesFilters(const QELloggerSyslogMsg& record) const;
+    [[nodiscard]] bool passesFilters(const QELloggerSyslogMsg& record) const;
 
     /// The line that shows @p record on a console, without a line end; empty if the record does not
     /// pass the filters.
-    std::string formatMessage(const QELloggerSyslogMsg& record) const;
+    [[nodiscard]] std::string formatMessage(const QELloggerSyslogMsg& record) const;
 
     /// Writes @p line and "\r\n" to standard output.
     static void printLine(std::string_view line);
@@ -91,19 +92,21 @@ class QELloggerSyslogFmt {
 
     /// The raw text of the newest message, whether or not it passes the filters; empty if the store
     /// is. Valid until the store changes.
-    std::string_view newestRaw() const;
+    [[nodiscard]] std::string_view newestRaw() const;
 
     /// Writes the raw text of every stored message, unfiltered, oldest first, each followed by a
-    /// line feed, to the file @p path, which is created or truncated.
+    /// line feed, to the file @p path, which is created or truncated. A symbolic link at @p path,
+    /// or a FIFO that nobody reads, counts as a file that cannot be opened.
     /// @return fileWritten, fileNotOpened or fileShort
     int writeFile(const char* path) const;
 
     /// Writes all messages to "/tmp/logger.txt" and has a shell in the background compress it with
     /// gzip and move it to @p target with ".gz" appended; the result tells only that this was
-    /// started. A relative target lands in the working directory.
+    /// started. A relative target lands in the working directory. As long as this store's last dump
+    /// is not in its place, a further request does nothing: it would rewrite the file under gzip.
     /// @param target  goes into the shell command unquoted: no blanks, no shell metacharacters
     /// @return a FileResult; no command is run unless the file was written
-    int dumpToFile(const char* target) const;
+    int dumpToFile(const char* target);
 
     // Extraction. None touches the store; each leaves its outputs unchanged on failure.
 
@@ -132,4 +135,6 @@ class QELloggerSyslogFmt {
     static bool extract(std::string_view message, QELloggerSyslogMsg& record);
     void store(QELloggerSyslogMsg&& record);
     void setComponent(std::string_view name, bool value);
+
+    std::string jobName; ///< socket name in use while the last dump's job runs; empty before
 };

@@ -12,6 +12,8 @@
 #include <regex>
 #include <sstream>
 #include <string>
+#include <sys/stat.h>
+#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -334,6 +336,22 @@ TEST(Files, HoldEveryMessageOrSayWhyNot) {
     EXPECT_EQ(store.writeFile(path.c_str()), Store::fileWritten);
     EXPECT_EQ(content(), "<14>1 t d ui 1 - unknown\n<14>1 t d sip 1 - line\n\n");
     EXPECT_EQ(store.writeFile((path + "/below").c_str()), Store::fileNotOpened);
+
+    // Planted by somebody else: neither written through nor waited for.
+    const std::string planted = path + "_planted";
+    std::remove(planted.c_str()); // left by a run that was cut short
+    ASSERT_EQ(symlink(path.c_str(), planted.c_str()), 0);
+    store.clear();
+    EXPECT_EQ(store.writeFile(planted.c_str()), Store::fileNotOpened);
+    EXPECT_NE(content(), "");
+    EXPECT_EQ(std::remove(planted.c_str()), 0);
+    ASSERT_EQ(mkfifo(planted.c_str(), S_IRUSR | S_IWUSR), 0);
+    EXPECT_EQ(store.writeFile(planted.c_str()), Store::fileNotOpened);
+    EXPECT_EQ(std::remove(planted.c_str()), 0);
+
+    // A full disk, noticed by the close, or by a write already.
+    store.append("<14>1 t d sip 1 - short");
+    EXPECT_EQ(store.writeFile("/dev/full"), Store::fileShort);
     store.append("<14>1 t d sip 1 - " + std::string(100000, 'x'));
     EXPECT_EQ(store.writeFile("/dev/full"), Store::fileShort);
     EXPECT_EQ(std::remove(path.c_str()), 0);
