@@ -3,18 +3,24 @@
 #include "HVLoggerModes.h"
 #include "HVLoggerOutputWatch.h"
 #include "HVLoggerTCPsockCli.h"
+#include "HVLoggerTerminalFilter.h"
 #include "HVLoggerVocabulary.h"
 #include "QELloggerSyslogFmt.h"
 #include "QELselector.h"
 #include "QELsockaddr4.h"
 
-#include <cerrno>
 #include <cstdio>
 #include <iostream>
+#include <optional>
 #include <sys/socket.h>
+#include <unistd.h>
 
 int runClient(const char* invocationName, std::uint32_t address,
               const std::vector<std::string>& programNames) {
+    std::optional<HVLoggerTerminalFilter> terminalFilter;
+    if (isatty(fileno(stdout)) != 0) {
+        terminalFilter.emplace(std::cout);
+    }
     QELselector dispatcher;
     HVLoggerMediator mediator;
     HVLoggerTCPsockCli tcpClient(&mediator);
@@ -48,11 +54,11 @@ int runClient(const char* invocationName, std::uint32_t address,
     for (;;) {
         // What this cycle printed is on the screen before the next one waits.
         if (!std::cout.flush()) {
-            if (errno != EPIPE) {
-                std::perror("standard output");
-                return -1;
+            if (HVLoggerOutputWatch::readerHasGone()) {
+                return 0;
             }
-            return 0;
+            std::perror("standard output");
+            return -1;
         }
         const bool nothingMoreToCome =
             tcpClient.selector == nullptr && keyboard.selector == nullptr;

@@ -2,11 +2,25 @@
 
 #include <arpa/inet.h>
 #include <csignal>
+#include <fcntl.h>
 #include <iostream>
 #include <string>
+#include <unistd.h>
 #include <vector>
 
 namespace {
+
+/// A descriptor from 0 to 2 that the caller left closed would be taken by a socket, and the log
+/// would be read from the keyboard's or written to the screen's place.
+void occupyStandardDescriptors() {
+    int fd = 0;
+    do {
+        fd = open("/dev/null", O_RDWR);
+    } while (fd >= 0 && fd <= STDERR_FILENO);
+    if (fd >= 0) {
+        close(fd);
+    }
+}
 
 int usage(const char* invocationName) {
     std::cout << "Usage: " << invocationName << " server/client [ip]" << std::endl;
@@ -16,6 +30,7 @@ int usage(const char* invocationName) {
 } // namespace
 
 int main(int argc, char** argv) {
+    occupyStandardDescriptors();
     // The screen gets a few large writes, not one a line; nothing here mixes in C's output.
     std::ios::sync_with_stdio(false);
     if (argc != 2 && argc != 3) {

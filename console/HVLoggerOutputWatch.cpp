@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/stat.h>
 
 int HVLoggerOutputWatch::fd() {
@@ -11,6 +12,11 @@ int HVLoggerOutputWatch::fd() {
     // Opened for reading too, a pipe is readable when it holds data and never loses its last
     // reader.
     return pipe && (fcntl(output, F_GETFL) & O_ACCMODE) == O_WRONLY ? output : -1;
+}
+
+bool HVLoggerOutputWatch::readerHasGone() {
+    pollfd output{fileno(stdout), 0, 0};
+    return poll(&output, 1, 0) == 1;
 }
 
 bool HVLoggerOutputWatch::onReady(std::int64_t /*nowUs*/) {

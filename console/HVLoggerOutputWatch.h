@@ -13,6 +13,9 @@ class HVLoggerOutputWatch : public QELselRcv {
   public:
     bool readerGone = false;
 
+    /// Whether the reader has gone now; for terminals and sockets too.
+    static bool readerHasGone();
+
     /// The descriptor to watch for reading: standard output's; -1, which the dispatcher refuses,
     /// unless it is the write end of a pipe.
     static int fd();

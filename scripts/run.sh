@@ -8,8 +8,8 @@ here=$(pwd)
 cd "$(dirname "$0")/.."
 top=$(pwd)
 
-case "${1-demo}" in
-demo | server | client) ;;
+case "$#:${1-}" in
+0: | [1-9]:server | [1-9]:client) ;;
 *)
     echo "Usage: $0 [server [ip] | client [ip]]" >&2
     exit 2
@@ -36,8 +36,13 @@ trap 'kill "${pids[@]}" 2>/dev/null; wait 2>/dev/null; rm -rf "$work"' EXIT
 "$top/build/hvlogger" server 127.0.0.1 >"$work/server.log" 2>&1 &
 server=$!
 pids+=("$server")
-# Ready when something listens on port 50000 (C350), over when the server has ended.
-until grep -qi '^ *[0-9]*: 0100007F:C350 [0-9A-F:]* 0A' /proc/net/tcp; do
+# Ready when the socket that listens on port 50000 (C350) is the server's own.
+ready() {
+    local inode
+    inode=$(awk '$2 == "0100007F:C350" && $4 == "0A" { print $10 }' /proc/net/tcp)
+    [ -n "$inode" ] && readlink "/proc/$server/fd/"* 2>/dev/null | grep -qF "[$inode]"
+}
+until ready; do
     if ! kill -0 "$server" 2>/dev/null; then
         cat "$work/server.log" >&2
         exit 1

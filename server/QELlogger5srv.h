@@ -14,6 +14,9 @@ class QELlogger5srv {
 
     QELsockBase socket; ///< closed until open()
 
+    /// One datagram and its terminating NUL.
+    std::unique_ptr<char[]> rxBuffer = std::make_unique<char[]>(receiveLimit + 1);
+
     /// Opens the socket and binds it to @p port on every IPv4 interface.
     /// @return 0, or the negative code of QELsockBase from the step that failed; a failed bind has
     ///         printed its report line
@@ -26,7 +29,4 @@ class QELlogger5srv {
     /// @return the zero-terminated text, valid until the next call; null when the read failed or
     ///         yielded nothing
     const char* receive(int* length = nullptr);
-
-  private:
-    std::unique_ptr<char[]> rxBuffer = std::make_unique<char[]>(receiveLimit + 1);
 };

@@ -28,7 +28,7 @@ endforeach()
 add_executable(producer producer.cpp)
 target_link_libraries(producer PRIVATE hvlogger::logger)
 EOF
-cmake -B cmake -D CMAKE_PREFIX_PATH="$work/prefix" >"$work/cmake.log"
+cmake -B cmake -G Ninja -D CMAKE_PREFIX_PATH="$work/prefix" >"$work/cmake.log"
 cmake --build cmake >>"$work/cmake.log"
 
 echo "With pkg-config"

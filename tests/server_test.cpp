@@ -86,15 +86,23 @@ TEST(TokenBucket, StartsStopsAndRestartsWithItsCount) {
 }
 
 TEST(TokenBucket, RefillAndTakeAtTheSameMomentLoseNothing) {
-    constexpr std::uint32_t each = 200'000;
+    constexpr std::uint32_t each = 3'000'000;
     QELtokenBucket bucket;
     bucket.capacity = 0xFFFFFFFF;
-    bucket.tokens = each; // takes never find it empty
-    std::thread refilling([&bucket] {
+    bucket.tokens = each;       // takes never find it empty
+    std::atomic<int> ready = 0; // both start together
+    const auto await = [&ready] {
+        ++ready;
+        while (ready < 2) {
+        }
+    };
+    std::thread refilling([&] {
+        await();
         for (std::uint32_t n = 0; n < each; ++n) {
             bucket.refill();
         }
     });
+    await();
     for (std::uint32_t n = 0; n < each; ++n) {
         bucket.take(1);
     }
@@ -111,7 +119,7 @@ TEST(Listener, RefusesDatagramsWhileTheLimiterIsEmpty) {
     testing::StrictMock<MediatorMock> mediator;
     HVLoggerListener listener(&mediator);
     const std::string line = "<14>1 t d sip 1 - text";
-    EXPECT_CALL(mediator, notify(idTcpServer, msgNewMessage, nullptr)).Times(2);
+    EXPECT_CALL(mediator, notify(idTcpServer, msgNewMessage, nullptr)).Times(3);
     listener.onLogMessage(line.c_str(), 0); // stopped: always passes
     EXPECT_EQ(listener.messages.size(), 1U);
     listener.rateLimiter.running = true; // running, without the thread that would refill it
@@ -121,6 +129,9 @@ TEST(Listener, RefusesDatagramsWhileTheLimiterIsEmpty) {
     listener.onLogMessage(line.c_str(), 0);
     EXPECT_EQ(listener.messages.size(), 2U);
     EXPECT_EQ(listener.rateLimiter.tokens, 0U);
+    listener.rateLimiter.tokens = 100; // what passes takes its length
+    listener.onLogMessage(line.c_str(), 0);
+    EXPECT_EQ(listener.rateLimiter.tokens, 100U - line.size());
     listener.rateLimiter.running = false;
 
     EXPECT_EQ(listener.startRateLimit(), 0);

@@ -154,7 +154,7 @@ TEST(Extraction, AgreesWithRegularExpressionsOnRandomTexts) {
     std::mt19937 random(20240305);
     const std::vector<std::string> pieces = {"<", ">",   "1",    "42",      "99999999999", " ", " ",
                                              " ", " - ", "<14>", "<14>1 ",  "a",           "T", "Z",
-                                             "-", "\n",  "\0\t", "<14>1 t", " d sip 4 - x"};
+                                             "-", "\n",  "\t",   "<14>1 t", " d sip 4 - x"};
     std::size_t found = 0;
     for (int round = 0; round < 20000; ++round) {
         std::string text;
@@ -174,8 +174,8 @@ struct Model {
         std::string raw;
         std::string line;
         std::string app;
-        int facility;
-        int severity;
+        int facility = 0;
+        int severity = 0;
     };
     std::deque<Entry> entries;
     std::size_t capacity = 0;

@@ -20,6 +20,6 @@ std::int64_t nowLocal(std::int32_t* standardOffsetMinutes = nullptr);
 /// in every 2^32 ticks (497 days at 100 ticks a second) to notice that their counter has wrapped.
 std::int64_t tickMicros();
 
-/// Sleeps for at least this long. Returns the result of usleep: 0, or −1 with errno when a signal
+/// Sleeps for at least this long. Returns the result of usleep: 0, or -1 with errno when a signal
 /// cut the sleep short.
 int sleepMicros(std::uint32_t micros);

@@ -10,8 +10,9 @@
 /// A time value and a QELdateTime do not say which zone they are in: they mean UTC or local time as
 /// the clock they came from does (nowUtc, nowLocal), and no operation here converts between zones.
 ///
-/// The calendar is Gregorian from 1582-10-15 on and Julian before. There is no year 0: −1 stands
-/// before 1, and a year given as 0 is taken for −1.
+/// The calendar is Gregorian from 1582-10-15 on and Julian before; the days of the year 1582 are
+/// numbered as if the ten between had taken place. There is no year 0: -1 stands before 1, and a
+/// year given as 0 is taken for -1.
 
 /// A calendar date and time of day: a plain value. The first seven fields say which; the other four
 /// are derived from them and up to date after every operation that sets a date.

@@ -92,7 +92,7 @@ constexpr QELgregorianDate gregorianFromDays(std::uint32_t dayNumber) {
 
     // Only the century is a branch: one on divisibility by 4 could not be predicted. A century is
     // divisible by 400 if it is by 16.
-    const std::uint32_t leapYear =
+    const auto leapYear =
         static_cast<std::uint32_t>(year % 100 == 0 ? year % 16 == 0 : year % 4 == 0);
     const QELgregorianDay day = gregorianDaysOfYear[leapYear][dayOfYear];
     return {.year = static_cast<std::int32_t>(year),

@@ -21,6 +21,7 @@ import unittest
 
 PROGRAM = os.environ["HVLOGGER"]
 SHARED = "HVLOGGER_SHARED" in os.environ  # no namespaces: /dev/log may be somebody else's
+LOG_DEVICE_TAKEN = SHARED and (os.path.exists("/dev/log") or not os.access("/dev", os.W_OK))
 PORT = 50000
 DEADLINE = 60.0  # seconds until an awaited event counts as missing; sanitizers are slow
 SEND_ALL = struct.pack("=i", 1)
@@ -102,8 +103,9 @@ class LogDevice:
 class Server:
     """`hvlogger server` in a directory of its own."""
 
-    def __init__(self, *arguments):
+    def __init__(self, *arguments, may_linger=SHARED):
         self.arguments = arguments
+        self.may_linger = may_linger
 
     def __enter__(self):
         self.directory = tempfile.TemporaryDirectory()
@@ -116,7 +118,7 @@ class Server:
                                                 stdout=output, stderr=output)
             await_true(lambda: listening() or self.process.poll() is not None, "server starts")
             # On shared ports a former test's connection may linger for a minute.
-            lingering = SHARED and b"Cannot bind" in self.output and time.monotonic() < end
+            lingering = self.may_linger and b"Cannot bind" in self.output and time.monotonic() < end
             if not lingering:
                 return self
             time.sleep(1)

@@ -54,10 +54,33 @@ class ServerStart(TestCase):
     def test_viewer_port_taken(self):
         with socket.socket(socket.AF_INET, socket.SOCK_STREAM) as taken:
             taken.bind(("127.0.0.1", PORT))  # bound, not listening: Server() waits for its own
-            with Server() as server:
+            with Server(may_linger=False) as server:
                 self.assertEqual(server.process.wait(DEADLINE), 255)
                 self.assertEqual(server.output, b"***** Halvane logger *****\n"
                                  b"Cannot bind to port: 50000\n")
+
+    def test_default_address_is_every_interface(self):
+        with Server():
+            socket.create_connection(("127.0.0.1", PORT)).close()
+            socket.create_connection(("127.0.0.3", PORT)).close()
+
+    def test_closed_standard_descriptors_are_not_taken_by_sockets(self):
+        """A viewer whose keyboard or screen is closed neither reads keys from the log nor logs to the server."""
+        with socket.create_server(("127.0.0.1", PORT)) as listener:
+            for closed in ("<&-", ">&-"):
+                client = subprocess.Popen(["sh", "-c", f'exec "$0" client {closed}', PROGRAM],
+                                          stdin=subprocess.PIPE, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+                self.addCleanup(client.communicate)
+                self.addCleanup(client.kill)
+                connection = listener.accept()[0]
+                connection.settimeout(DEADLINE)
+                self.assertEqual(connection.recv(100), b"\1\0\0\0", closed)
+                connection.sendall(b"F<14>1 t d sip 1 - F")
+                connection.shutdown(socket.SHUT_WR)
+                client.stdin.close()
+                client.stdin = None
+                self.assertEqual(connection.recv(100), b"", closed)
+                connection.close()
 
     def test_address_is_the_viewers_alone(self):
         with Server("127.0.0.2") as server:

@@ -5,11 +5,11 @@ import pathlib
 import time
 import unittest
 
-from harness import (DEADLINE, MARKER, SEND_ALL, SHARED, WRITE_FILE, LogDevice, RawViewer, Server, TestCase,
+from harness import (LOG_DEVICE_TAKEN, MARKER, SEND_ALL, WRITE_FILE, LogDevice, RawViewer, Server, TestCase,
                      await_true, cpu_ns, main, message, send_datagrams)
 
 
-@unittest.skipIf(SHARED and os.path.exists("/dev/log"), "the machine's own /dev/log is in use")
+@unittest.skipIf(LOG_DEVICE_TAKEN, "/dev/log cannot be this test's own")
 class LocalLog(TestCase):
     def test_datagrams_reach_the_local_log(self):
         """Each datagram gives exactly one record: priority, program and text as it came."""
@@ -21,7 +21,8 @@ class LocalLog(TestCase):
             (b"hello", b"<13>", b"", b""),
             (b"no priority dev01 app pid - text", b"<13>", b"app", b"text"),
             (b"<134>Mar  5 10:20:30 dev01 app: a - b", b"<134>", b"10:20:30", b"b"),
-            (message("before\0after") , b"<14>", b"sip", b"before"),
+            (b"<99999>1 t dev01 sip 4 - large", b"<671>", b"sip", b"large"),
+            (message("before\0after"), b"<14>", b"sip", b"before"),
             (message("one", severity=3) + message("two", app="nmos", severity=7),
              b"<11>", b"sip", b"one" + message("two", app="nmos", severity=7)),
         ]
@@ -113,6 +114,7 @@ class ViewerProtocol(TestCase):
     def test_reconnect_starts_with_the_whole_store(self):
         stored = b""
         with Server() as server:
+            descriptors = len(os.listdir(f"/proc/{server.process.pid}/fd"))
             for n in range(3):
                 with RawViewer() as viewer:
                     if stored:
@@ -128,6 +130,8 @@ class ViewerProtocol(TestCase):
                 send_datagrams(message("between"), MARKER)
                 server.dump()
                 stored += message("between")
+            await_true(lambda: len(os.listdir(f"/proc/{server.process.pid}/fd")) == descriptors,
+                       "no viewer leaves a descriptor behind")
 
     def test_reset_by_the_viewer(self):
         with Server() as server:

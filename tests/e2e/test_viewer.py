@@ -8,7 +8,7 @@ import tempfile
 import termios
 import time
 
-from harness import (DEADLINE, HYPHENS, PORT, PROGRAM, SEND_ALL, WRITE_FILE, RawViewer, Server, TestCase, Viewer,
+from harness import (DEADLINE, HYPHENS, MARKER, PORT, PROGRAM, SEND_ALL, WRITE_FILE, RawViewer, Server, TestCase, Viewer,
                      cpu_ns, main, message, send_datagrams, shown, wait_for_dump)
 
 
@@ -77,7 +77,8 @@ class Keys(TestCase):
         switches = {b"i": b"sip", b"n": b"nmos", b"r": b"router", b"s": b"sap"}
         with Server() as server, tempfile.TemporaryDirectory() as desk:
             send_datagrams(message("stored"), message("hidden", app="ui"),
-                           message("debug", app="router", severity=7, second=31))
+                           message("debug", app="router", severity=7, second=31), MARKER)
+            server.dump()
             with Viewer(cwd=desk) as viewer:
                 viewer.expect(viewer.GREETING + shown("stored")
                               + shown("debug", app="router", severity=7, second=31))
@@ -97,6 +98,8 @@ class Keys(TestCase):
                 viewer.press(b"\x1b[A", HYPHENS * 3)  # a cursor key runs no command
                 viewer.press(b"[a", HYPHENS * 2)
                 viewer.press(b"[q", HYPHENS * 2)
+                viewer.press(b"0", b"Enabling severity up to: 0\r\n")
+                viewer.press(b"a", HYPHENS + b"\r\n")
                 viewer.press(b"3", b"Enabling severity up to: 3\r\n")
                 for level in b"89":
                     viewer.press(bytes([level]), b"Enabling severity up to: %c\r\n" % level)
@@ -202,6 +205,7 @@ class Endings(TestCase):
         with FakeServer() as server:
             process = subprocess.Popen([PROGRAM, "client"], stdin=subprocess.DEVNULL,
                                        stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
+            self.addCleanup(process.kill)
             server.accept()
             server.expect(SEND_ALL)
             server.connection.sendall(message("one"))
@@ -224,6 +228,7 @@ class Endings(TestCase):
         with FakeServer() as server:
             process = subprocess.Popen([PROGRAM, "client"], stdin=subprocess.PIPE,
                                        stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
+            self.addCleanup(process.kill)
             server.accept()
             server.expect(SEND_ALL)
             server.close()
@@ -264,8 +269,11 @@ class Endings(TestCase):
 class RealTools(TestCase):
     def test_logger_tool_is_understood(self):
         """util-linux logger's RFC 5424 lines, as a new user would send them."""
-        with Server(), Viewer() as viewer:
-            viewer.expect(viewer.GREETING)
+        with Server() as server:
+            send_datagrams(message("first"), MARKER)
+            server.dump()
+            viewer = self.enterContext(Viewer())
+            viewer.expect(viewer.GREETING + shown("first"))
             subprocess.run(["logger", "--rfc5424", "--udp", "--server", "127.0.0.1", "--port", str(PORT),
                             "-t", "sip", "-p", "user.err", "--", "Call setup done"], check=True)
             end = time.monotonic() + DEADLINE

@@ -1,0 +1,259 @@
+// A viewer's commands into the server, through the dispatcher and a real connection. Each byte of
+// the input is an event (Event) with a number in its low bits.
+
+#include "HVLoggerTCPsockSrv.h"
+#include "HVLoggerVocabulary.h"
+#include "QELselTimer.h"
+#include "QELselector.h"
+#include "QELsockaddrUNX.h"
+#include "check.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <sys/socket.h>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+/// The high bits of an event; n is the number.
+enum Event : unsigned {
+    sendBytes = 0,   ///< the viewer sends the n bytes that follow in the input, in one batch
+    sendLong = 1,    ///< the viewer sends the 4 bytes that follow and zeros up to 500 n bytes
+    newMessage = 2,  ///< a message of n bytes has arrived
+    setListing = 3,  ///< the store's listing is n bytes from now on, 200 n for n above 15, and for
+                     ///< 31 more than a connection takes at once
+    readSome = 4,    ///< the viewer reads up to 1000 n bytes
+    readAll = 5,     ///< the viewer reads all there is
+    leave = 6,       ///< the viewer closes, another one connects
+    sendAndLeave = 7 ///< sendBytes and leave, both before the server looks
+};
+constexpr unsigned numberBits = 5;
+constexpr std::size_t numberMask = (1U << numberBits) - 1;
+
+/// Wakes the dispatcher at once, so that no cycle waits.
+class Tick : public QELselTimer {
+  public:
+    std::uint64_t onTimer(std::int64_t /*nowUs*/) override { return 1; }
+};
+
+class Mediator : public QELmediator {
+  public:
+    std::string listing;
+    std::string newest;
+    int dumps = 0;
+
+    void notify(int destinationId, int messageType, void* payload) override {
+        require(destinationId == idListener, "all goes to the listener");
+        switch (messageType) {
+        case msgGetAllRaw:
+            *static_cast<std::string*>(payload) = listing;
+            break;
+        case msgGetNewestRaw:
+            *static_cast<std::string*>(payload) = newest;
+            break;
+        case msgWriteFile:
+            ++dumps;
+            require(std::strcmp(static_cast<const char*>(payload), "logger.txt") == 0,
+                    "a dump request names its file");
+            break;
+        default:
+            require(false, "nothing else is asked for");
+        }
+    }
+};
+
+/// A server with its viewer, and what that viewer is to be sent.
+class Session {
+  public:
+    Session() : server(&mediator) {
+        address.set(("*hvlogger.fuzz." + std::to_string(getpid())).c_str());
+        require(server.open(AF_UNIX, SOCK_STREAM) == 0 && server.bind(address) == 0 &&
+                    server.startListening() == 0,
+                "the server listens");
+        server.connFd = server.fd;
+        selector.setTimer(&tick, 1);
+        connectViewer();
+    }
+
+    void send(std::string_view bytes) {
+        transmit(bytes);
+        if (dispatch(bytes) == HVLoggerTCPsock::cmdSendAll) {
+            expected += mediator.listing;
+        }
+        requireStillThere();
+    }
+
+    void sendAndLeave(std::string_view bytes) {
+        transmit(bytes);
+        viewer.close();
+        dispatch(bytes);
+        replaceViewer();
+    }
+
+    void announce(std::size_t length) {
+        mediator.newest.assign(length, 'n');
+        expected += mediator.newest;
+        server.forwardNewest();
+        requireStillThere();
+    }
+
+    void setListing(std::size_t length) {
+        mediator.listing.clear();
+        while (mediator.listing.size() < length) {
+            mediator.listing += "<14>1 2024-03-05T10:20:30.123Z dev01 sip 412 - text";
+        }
+        mediator.listing.resize(length);
+    }
+
+    /// Reads what has come until that is @p limit bytes. @return how many
+    std::size_t read(std::size_t limit) {
+        std::size_t count = 0;
+        while (count < limit) {
+            const ssize_t got = ::recv(viewer.fd, buffer.data(),
+                                       std::min(buffer.size(), limit - count), MSG_DONTWAIT);
+            if (got <= 0) {
+                break;
+            }
+            const auto bytes = static_cast<std::size_t>(got);
+            require(expected.compare(arrived, bytes, buffer.data(), bytes) == 0,
+                    "the viewer gets what was asked for, in order");
+            arrived += bytes;
+            count += bytes;
+        }
+        return count;
+    }
+
+    void readAll() {
+        do {
+            cycle(); // what the connection can take now
+        } while (read(expected.size()) > 0);
+        require(arrived == expected.size(), "the viewer gets all that was asked for");
+        expected.clear();
+        arrived = 0;
+    }
+
+    void replaceViewer() {
+        viewer.close();
+        // Unread bytes make the first read of the server fail, the next one tells the end.
+        for (int i = 0; i < 3 && server.state == HVLoggerTCPsockSrv::stateConnected; ++i) {
+            cycle();
+        }
+        require(server.state == HVLoggerTCPsockSrv::stateListening, "a viewer's end is noticed");
+        require(server.connFd == server.fd, "no descriptor is left over");
+        connectViewer();
+    }
+
+  private:
+    void transmit(std::string_view bytes) {
+        require(bytes.empty() || viewer.send(bytes.data(), static_cast<unsigned>(bytes.size())) ==
+                                     static_cast<int>(bytes.size()),
+                "the server has read what was sent before");
+    }
+
+    /// Has the server read a batch. @return the command that it is, by its first bytes
+    std::int32_t dispatch(std::string_view batch) {
+        std::int32_t command = 0;
+        if (batch.size() >= sizeof command) {
+            std::memcpy(&command, batch.data(), sizeof command);
+        }
+        const int dumpsBefore = mediator.dumps;
+        cycle();
+        require(mediator.dumps == dumpsBefore + (command == HVLoggerTCPsock::cmdWriteFile ? 1 : 0),
+                "a batch is its first command");
+        return command;
+    }
+
+    void connectViewer() {
+        expected.clear();
+        arrived = 0;
+        require(viewer.open(AF_UNIX, SOCK_STREAM) == 0 && viewer.connect(address) == 0,
+                "a viewer can connect");
+        cycle();
+        require(server.state == HVLoggerTCPsockSrv::stateConnected, "a viewer is accepted");
+    }
+
+    /// The server may hang up only on a viewer that leaves too much unread.
+    void requireStillThere() {
+        if (server.state == HVLoggerTCPsockSrv::stateConnected) {
+            return;
+        }
+        require(expected.size() - arrived > HVLoggerTCPsockSrv::pendingLimit,
+                "a viewer that reads is kept");
+        viewer.close();
+        connectViewer();
+    }
+
+    /// One cycle as the server's mode runs it.
+    void cycle() {
+        selector.addRead(&server, server.getSelectFd());
+        // The fuzzer's own alarm may interrupt the wait.
+        while (selector.runOnce() != 0) {
+            require(errno == EINTR, "the dispatcher goes on");
+        }
+    }
+
+    Mediator mediator;
+    QELselector selector;
+    Tick tick;
+    QELsockaddrUNX address;
+    QELsockCONN viewer;
+    HVLoggerTCPsockSrv server;
+    std::string expected;
+    std::size_t arrived = 0;
+    std::vector<char> buffer = std::vector<char>(65'536);
+};
+
+} // namespace
+
+// In place of the C library's: a viewer that leaves is reported each time.
+extern "C" void perror(const char* /*text*/) {}
+
+extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t size) {
+    Session session;
+    std::string_view rest = asText(data, size);
+    const auto take = [&rest](std::size_t count) {
+        const std::string_view taken = rest.substr(0, count);
+        rest.remove_prefix(taken.size());
+        return taken;
+    };
+    while (!rest.empty()) {
+        const unsigned event = static_cast<unsigned char>(take(1).front());
+        const std::size_t number = event & numberMask;
+        switch (event >> numberBits) {
+        case sendBytes:
+            session.send(take(number));
+            break;
+        case sendLong: {
+            std::string batch(take(sizeof(std::int32_t)));
+            batch.resize(std::max<std::size_t>(batch.size(), 500 * number));
+            session.send(batch);
+            break;
+        }
+        case newMessage:
+            session.announce(number);
+            break;
+        case setListing:
+            session.setListing(number == numberMask ? 320'000 : number * (number < 16 ? 1 : 200));
+            break;
+        case readSome:
+            session.read(1000 * number);
+            break;
+        case readAll:
+            session.readAll();
+            break;
+        case leave:
+            session.replaceViewer();
+            break;
+        default:
+            session.sendAndLeave(take(number));
+            break;
+        }
+    }
+    session.readAll();
+    return 0;
+}

@@ -1,0 +1,45 @@
+#!/usr/bin/env bash
+# fuzz.sh [SECONDS]   run every fuzz target for so long (60), side by side, under the address and
+#                     undefined-behaviour sanitizers
+# Installs what is missing and builds into build-fuzz/ first. Inputs that reach new code are kept in
+# build-fuzz/found/, those that end a target in build-fuzz/findings/: run the target with such a
+# file as its argument. Ends with one line a target.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+seconds=${1-60}
+
+. scripts/packages.sh
+install_missing clang libclang-rt-14-dev cmake ninja-build
+
+cmake -S . -B build-fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DHVLOGGER_FUZZ=ON \
+    -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++
+cmake --build build-fuzz --target fuzz_targets
+
+targets=(fuzz/corpus/*/)
+targets=("${targets[@]%/}")
+targets=("${targets[@]##*/}")
+pids=()
+trap 'kill "${pids[@]}" 2>/dev/null || true' EXIT
+for target in "${targets[@]}"; do
+    rm -rf "build-fuzz/findings/$target"
+    mkdir -p "build-fuzz/found/$target" "build-fuzz/findings/$target"
+    nice -n 10 "build-fuzz/fuzz/fuzz_$target" -max_total_time="$seconds" -timeout=10 \
+        -rss_limit_mb=2048 -print_final_stats=1 -dict=fuzz/words.dict \
+        -artifact_prefix="build-fuzz/findings/$target/" \
+        "build-fuzz/found/$target" "fuzz/corpus/$target" >"build-fuzz/$target.log" 2>&1 &
+    pids+=($!)
+done
+
+failed=0
+for i in "${!targets[@]}"; do
+    target=${targets[i]}
+    ended=
+    wait "${pids[i]}" || ended=" FAILED, see build-fuzz/$target.log" failed=1
+    ran=$(sed -n 's/^Done [0-9]* runs in \([0-9]*\) second.*/\1/p' "build-fuzz/$target.log")
+    runs=$(sed -n 's/^stat::number_of_executed_units: *//p' "build-fuzz/$target.log")
+    findings=$(find "build-fuzz/findings/$target" -type f | wc -l)
+    printf '%-15s %12s executions %6s seconds %3d findings%s\n' \
+        "$target" "${runs:-?}" "${ran:-?}" "$findings" "$ended"
+done
+pids=()
+exit "$failed"
