@@ -8,8 +8,12 @@
 #include "QELsockaddr4.h"
 
 #include <csignal>
+#include <cstdlib>
 #include <iostream>
 #include <sys/socket.h>
+#ifdef __GLIBC__
+#include <malloc.h>
+#endif
 
 std::atomic<bool> appRunning = true;
 
@@ -20,6 +24,12 @@ void onSignal(int signalNumber) {
 }
 
 int runServer(std::uint32_t address, const std::vector<std::string>& programNames) {
+#ifdef __GLIBC__
+    // Listings, and what is kept for a slow viewer, go back to the system instead of staying in the
+    // heap; by default this limit moves up with each large buffer that is freed (mallopt(3)).
+    constexpr int mappedFrom = 0x20000;
+    mallopt(M_MMAP_THRESHOLD, mappedFrom);
+#endif
     std::cout << "***** Halvane logger *****" << std::endl;
     std::signal(SIGINT, onSignal);
 
