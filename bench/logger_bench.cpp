@@ -4,6 +4,7 @@
 #include "QELlogger5.h"
 #include "QELlogger5_5424.h"
 #include "QELlogger5_UDP.h"
+#include "allocations.h"
 
 #include <benchmark/benchmark.h>
 #include <spdlog/spdlog.h>
@@ -11,37 +12,12 @@
 #include <spdlog/pattern_formatter.h>
 #include <spdlog/sinks/udp_sink.h>
 
-#include <atomic>
-#include <cstdlib>
 #include <iostream>
 #include <map>
 #include <memory>
 #include <netinet/in.h>
-#include <new>
 #include <string>
 #include <vector>
-
-namespace {
-
-std::atomic<std::int64_t> allocations = 0;
-
-} // namespace
-
-// Count what the process allocates. Not inlined, so that the compiler sees a pair.
-[[gnu::noinline]] void* operator new(std::size_t size) {
-    allocations.fetch_add(1, std::memory_order_relaxed);
-    void* memory = std::malloc(size);
-    if (memory == nullptr) {
-        std::abort();
-    }
-    return memory;
-}
-[[gnu::noinline]] void operator delete(void* memory) noexcept {
-    std::free(memory);
-}
-[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept {
-    std::free(memory);
-}
 
 namespace {
 

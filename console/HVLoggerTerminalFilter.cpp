@@ -2,12 +2,35 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstdint>
+#include <cstring>
 #include <utility>
 
 namespace {
 
 constexpr unsigned char deleteCharacter = 0x7F;
 constexpr std::string_view digits = "0123456789ABCDEF";
+
+/// Whether a byte is one of the graphic characters or the blank of US-ASCII.
+constexpr bool isPrintable(char byte) {
+    return byte >= ' ' && byte < static_cast<char>(deleteCharacter);
+}
+
+/// How many printable bytes a text starts with; may tell up to 7 too few. Eight at a time: nearly
+/// everything is printable.
+std::size_t printablePrefix(std::string_view text) {
+    constexpr std::uint64_t each = 0x0101010101010101;
+    constexpr std::uint64_t highBits = each * 0x80;
+    std::size_t length = 0;
+    for (std::uint64_t word = 0; text.size() - length >= sizeof word; length += sizeof word) {
+        std::memcpy(&word, text.data() + length, sizeof word);
+        // Each term sets the high bit of a byte that is, in a word below 0x80: under ' ', or DEL.
+        if (((word | (word - each * ' ') | (word + each)) & highBits) != 0) {
+            break;
+        }
+    }
+    return length;
+}
 
 /// What a text starts with.
 struct Piece {
@@ -58,7 +81,7 @@ Piece firstPiece(std::string_view text, bool afterLineFeed) {
     if (byte > deleteCharacter) {
         return firstCharacter(text);
     }
-    if ((byte >= ' ' && byte != deleteCharacter) || byte == '\n' || byte == '\t') {
+    if (isPrintable(text[0]) || byte == '\n' || byte == '\t') {
         return {Piece::harmless, 1};
     }
     if (byte == '\r') {
@@ -126,6 +149,11 @@ int HVLoggerTerminalFilter::sync() {
 bool HVLoggerTerminalFilter::pass(std::string_view text) {
     std::size_t harmless = 0; // bytes at the start that can be passed on
     while (harmless < text.size()) {
+        if (isPrintable(text[harmless])) {
+            harmless += std::max<std::size_t>(1, printablePrefix(text.substr(harmless)));
+            afterLineFeed = false;
+            continue;
+        }
         const auto [kind, length] = firstPiece(text.substr(harmless), afterLineFeed);
         if (kind == Piece::harmless) {
             harmless += length;

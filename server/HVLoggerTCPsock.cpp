@@ -1,6 +1,5 @@
 #include "HVLoggerTCPsock.h"
 
-#include <array>
 #include <cerrno>
 #include <cstddef>
 #include <cstdio>
@@ -9,9 +8,9 @@
 
 namespace {
 
-constexpr int chunkSize = 1500;
-/// A peer that sends faster than it is read must not keep a batch, and its memory, growing forever.
-constexpr std::size_t batchLimit = 0x400000;
+constexpr std::size_t chunkSize = 1500;
+/// Behind a full chunk there is often much more: a listing.
+constexpr std::size_t furtherChunkSize = 0x10000;
 
 bool readable(int fd) {
     pollfd waiting{fd, POLLIN, 0};
@@ -55,14 +54,18 @@ int HVLoggerTCPsock::receiveData(void* buffer, int length) {
 }
 
 int HVLoggerTCPsock::readArrived() {
-    std::array<char, chunkSize> chunk{};
     int received = 0;
+    std::size_t chunk = chunkSize;
+    bool full = false;
     do {
-        received = receiveData(chunk.data(), chunkSize);
-        if (received > 0) {
-            rxData.insert(rxData.end(), chunk.begin(), chunk.begin() + received);
-        }
+        const std::size_t held = rxData.size();
+        rxData.resize(held + chunk);
+        received = receiveData(rxData.data() + held, static_cast<int>(chunk));
+        const std::size_t count = received > 0 ? static_cast<std::size_t>(received) : 0;
+        rxData.resize(held + count);
+        full = count == chunk;
+        chunk = furtherChunkSize;
         // A full chunk may have been the last one: look before the next read.
-    } while (received == chunkSize && rxData.size() < batchLimit && readable(connFd));
+    } while (full && rxData.size() < batchLimit && readable(connFd));
     return received;
 }

@@ -4,6 +4,7 @@
 #include "QELselRcv.h"
 #include "QELsockCONN.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 
@@ -44,6 +45,10 @@ class HVLoggerTCPsock : public QELsockCONN, public QELselRcv {
     int receiveData(void* buffer, int length);
 
   protected:
+    /// How long a batch may become, but for the last chunk: a peer that sends faster than it is
+    /// read must not keep it, and its memory, growing.
+    static constexpr std::size_t batchLimit = 0x10000;
+
     /// Reads what has arrived, in chunks, until one is not filled, and appends it to rxData. Only
     /// the first read may wait; call it when connFd is readable.
     /// @return the last receiveData() result: positive when the peer is still there

@@ -51,7 +51,7 @@ bool HVLoggerTCPsockCli::onReady(std::int64_t nowUs) {
     int received = readArrived();
     bool flowing = false;
     while (received > 0 && (continued || fillsSegment()) && bytesArrive(connFd, gapMs)) {
-        flowing = QELselector::nowUs() - nowUs >= batchLimitUs;
+        flowing = rxData.size() >= batchLimit || QELselector::nowUs() - nowUs >= batchLimitUs;
         if (flowing) {
             break;
         }

@@ -12,12 +12,20 @@ namespace {
 constexpr std::int64_t microsPerSecond{1'000'000};
 constexpr std::int64_t nanosPerMicro{1'000};
 
-/// Returns one more than the highest descriptor.
-int fill(fd_set& set, const std::map<std::int32_t, QELselRcv*>& entries) {
+/// Returns the set, or null if it is empty: that costs the system less to look at.
+fd_set* fill(fd_set& set, const std::map<std::int32_t, QELselRcv*>& entries) {
+    if (entries.empty()) {
+        return nullptr;
+    }
     FD_ZERO(&set);
     for (const auto& [descriptor, receiver] : entries) {
         FD_SET(descriptor, &set);
     }
+    return &set;
+}
+
+/// One more than the highest descriptor.
+int countOf(const std::map<std::int32_t, QELselRcv*>& entries) {
     return entries.empty() ? 0 : entries.rbegin()->first + 1;
 }
 
@@ -148,8 +156,8 @@ std::int32_t QELselector::selectOnce() {
     fd_set writable;
     fd_set readable;
     fd_set exceptional;
-    const int count = std::max({fill(writable, writeEntries), fill(readable, readEntries),
-                                fill(exceptional, exceptEntries)});
+    const int count =
+        std::max({countOf(writeEntries), countOf(readEntries), countOf(exceptEntries)});
     const std::uint64_t deadline = earliestDeadline();
     exitCode = 0;
 
@@ -160,18 +168,19 @@ std::int32_t QELselector::selectOnce() {
         timeout.tv_sec = static_cast<time_t>(remaining / microsPerSecond);
         timeout.tv_nsec = static_cast<long>(remaining % microsPerSecond) * nanosPerMicro;
     }
-    const int ready = pselect(count, &readable, &writable, &exceptional,
-                              deadline != 0 ? &timeout : nullptr, nullptr);
+    fd_set* const toWrite = fill(writable, writeEntries);
+    fd_set* const toRead = fill(readable, readEntries);
+    fd_set* const toExcept = fill(exceptional, exceptEntries);
+    int ready =
+        pselect(count, toRead, toWrite, toExcept, deadline != 0 ? &timeout : nullptr, nullptr);
     if (ready < 0) {
         return resultFailed;
     }
 
     const std::int64_t now = nowUs();
-    if (ready > 0) {
-        dispatch(writeEntries, writable, now);
-        dispatch(readEntries, readable, now);
-        dispatch(exceptEntries, exceptional, now);
-    }
+    dispatch(writeEntries, toWrite, ready, now);
+    dispatch(readEntries, toRead, ready, now);
+    dispatch(exceptEntries, toExcept, ready, now);
     fireTimers(now);
     if (exitCode == 0 || exitCode == resultExit) {
         return exitCode;
@@ -180,13 +189,16 @@ std::int32_t QELselector::selectOnce() {
 }
 
 /// Callbacks may change the entries at will, so it walks a copy of the ready descriptors and looks
-/// each of them up again.
-void QELselector::dispatch(Entries& entries, const fd_set& ready, std::int64_t now) {
+/// each of them up again. Stops looking when all that pselect counted are found.
+void QELselector::dispatch(Entries& entries, const fd_set* ready, int& readyCount,
+                           std::int64_t now) {
     scratch.clear();
     scratch.reserve(entries.size());
-    for (const auto& [descriptor, receiver] : entries) {
-        if (FD_ISSET(descriptor, &ready)) {
-            scratch.push_back(descriptor);
+    for (auto entry = entries.begin(); ready != nullptr && readyCount > 0 && entry != entries.end();
+         ++entry) {
+        if (FD_ISSET(entry->first, ready)) {
+            scratch.push_back(entry->first);
+            --readyCount;
         }
     }
     for (const std::int32_t descriptor : scratch) {

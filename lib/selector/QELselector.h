@@ -110,7 +110,7 @@ class QELselector {
     void forget(QELselRcv& receiver);
     std::uint64_t earliestDeadline();
     std::int32_t selectOnce();
-    void dispatch(Entries& entries, const fd_set& ready, std::int64_t now);
+    void dispatch(Entries& entries, const fd_set* ready, int& readyCount, std::int64_t now);
     void fireTimers(std::int64_t now);
 
     Entries writeEntries;

@@ -1,0 +1,130 @@
+// What the message store costs: taking a message in, a whole listing in, a listing out. The rate of
+// items is that of messages.
+
+#include "QELloggerSyslogFmt.h"
+#include "allocations.h"
+
+#include <benchmark/benchmark.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+namespace {
+
+const std::string message = "<14>1 2024-03-05T10:20:30.123456Z dev01 sip 412 - - " +
+                            std::string(95, 'x'); // 147 bytes in all
+
+std::string messagesOf(std::size_t bytes) {
+    std::string text;
+    text.reserve(bytes + message.size());
+    while (text.size() < bytes) {
+        text += message;
+    }
+    return text;
+}
+
+struct FullStore : QELloggerSyslogFmt {
+    FullStore() {
+        addComponents(0, {"prothandler", "sip", "nmos", "router", "sap"});
+        append(messagesOf(capacity + message.size()));
+    }
+};
+
+void countAllocations(benchmark::State& state, std::int64_t before) {
+    state.counters["allocations"] = benchmark::Counter(static_cast<double>(allocations - before),
+                                                       benchmark::Counter::kAvgIterations);
+    state.SetItemsProcessed(state.iterations());
+}
+
+void extraction(benchmark::State& state) {
+    const std::int64_t before = allocations;
+    for (auto _ : state) {
+        QELloggerSyslogMsg record;
+        std::size_t start = 0;
+        std::size_t end = message.size();
+        QELloggerSyslogFmt::findMessage(message, start, end);
+        QELloggerSyslogFmt::parsePriority(message, record.facility, record.severity);
+        QELloggerSyslogFmt::getAppName(message, record.appName);
+        QELloggerSyslogFmt::getProcId(message, record.procId);
+        QELloggerSyslogFmt::getTimestamp(message, record.timestamp);
+        QELloggerSyslogFmt::getText(message, record.text);
+        record.raw = message;
+        benchmark::DoNotOptimize(record);
+    }
+    countAllocations(state, before);
+}
+BENCHMARK(extraction);
+
+/// The strings of a record and nothing else.
+void recordAlone(benchmark::State& state) {
+    const QELloggerSyslogMsg pattern = FullStore().messages.front();
+    const std::int64_t before = allocations;
+    for (auto _ : state) {
+        QELloggerSyslogMsg record = pattern;
+        benchmark::DoNotOptimize(record);
+    }
+    countAllocations(state, before);
+}
+BENCHMARK(recordAlone);
+
+void appendDatagram(benchmark::State& state) {
+    FullStore store;
+    const std::int64_t before = allocations;
+    for (auto _ : state) {
+        store.append(message);
+    }
+    countAllocations(state, before);
+}
+BENCHMARK(appendDatagram);
+
+void appendText(benchmark::State& state) {
+    const std::string text = messagesOf(static_cast<std::size_t>(state.range(0)));
+    FullStore store;
+    for (auto _ : state) {
+        store.append(text);
+    }
+    state.SetComplexityN(state.range(0));
+    state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(text.size()));
+}
+BENCHMARK(appendText)
+    ->RangeMultiplier(4)
+    ->Range(16 << 10, 16 << 20)
+    ->Unit(benchmark::kMicrosecond)
+    ->Complexity();
+
+void listing(benchmark::State& state, bool formatted) {
+    const FullStore store;
+    std::size_t length = 0;
+    for (auto _ : state) {
+        std::string out;
+        length = store.allMessages(out, formatted);
+        benchmark::DoNotOptimize(out.data());
+    }
+    state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(length));
+}
+BENCHMARK_CAPTURE(listing, raw, false)->Unit(benchmark::kMicrosecond);
+BENCHMARK_CAPTURE(listing, formatted, true)->Unit(benchmark::kMicrosecond);
+
+/// A copy of as many bytes, and a walk over the messages: what a raw listing cannot do without.
+void copyAndWalk(benchmark::State& state) {
+    const FullStore store;
+    const std::string text = messagesOf(store.byteCount);
+    for (auto _ : state) {
+        std::string out;
+        out.reserve(text.size());
+        out.append(text);
+        benchmark::DoNotOptimize(out.data());
+        std::size_t length = 0;
+        for (const QELloggerSyslogMsg& record : store.messages) {
+            length += record.raw.size();
+        }
+        benchmark::DoNotOptimize(length);
+    }
+    state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(text.size()));
+}
+BENCHMARK(copyAndWalk)->Unit(benchmark::kMicrosecond);
+
+} // namespace
+
+BENCHMARK_MAIN();
