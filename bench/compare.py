@@ -22,7 +22,7 @@ ROOT = pathlib.Path(__file__).resolve().parent.parent
 BUILD = ROOT / "build-bench"
 LOAD = str(BUILD / "bench" / "load")
 OWN_PORT, SINK_PORT = 50000, 50001
-DEADLINE = 20
+INSIDE = "HVLOGGER_INSIDE"  # set in the namespaces: the descriptor of RMEM
 RMEM = "/proc/sys/net/core/rmem_default"
 LARGE_BUFFER = 4 << 20
 
@@ -44,10 +44,11 @@ log { source(in); destination(local); destination(viewer); };
 
 
 class System:
-    """A log collector and how it is started; `running` is one run of it with its sinks."""
+    """A log collector and how it is started; entered, it runs with its sinks. `sinks` says which of
+    them get every message: 0 the local log, 1 the viewer."""
 
-    def __init__(self, name, command, port, environment=None):
-        self.name, self.command, self.port = name, command, port
+    def __init__(self, name, command, port, environment=None, sinks=(0, 1)):
+        self.name, self.command, self.port, self.sinks = name, command, port, sinks
         self.environment = dict(os.environ, **(environment or {}))
 
     def __enter__(self):
@@ -76,27 +77,31 @@ class System:
         self.sink.stdout.close()
 
     def collect(self, count):
-        """Waits until both sinks have `count` messages or nothing more comes. Returns the smaller
+        """Waits until the sinks have `count` messages or nothing more comes. Returns the smallest
         number, and the latency quantiles of the last report that had messages."""
-        logged = viewed = 0
+        arrived = [0, 0]
         latency = (0, 0)
         last = time.monotonic()
-        while min(logged, viewed) < count and time.monotonic() - last < 0.5:
+        smallest = 0
+        while smallest < count and time.monotonic() - last < 0.5:
             self.sink.stdin.write("?\n")
-            more_logged, more_viewed, p50, p99 = map(int, self.sink.stdout.readline().split())
-            if more_logged or more_viewed:
+            *more, p50, p99 = map(int, self.sink.stdout.readline().split())
+            if any(more):
                 last = time.monotonic()
-            if more_viewed:
+            if more[1]:
                 latency = p50, p99
-            logged += more_logged
-            viewed += more_viewed
-            if min(logged, viewed) < count:
+            arrived = [a + m for a, m in zip(arrived, more)]
+            smallest = min((arrived[sink] for sink in self.sinks), default=0)
+            if smallest < count:
                 time.sleep(0.02)
-        return min(logged, viewed), latency
+        return smallest, latency
 
     def offer(self, rate, count):
+        """Sends; returns what collect() does. Without a sink the kernel tells what was lost."""
+        dropped = receive_errors()
         send(rate, count)
-        return self.collect(count)
+        arrived, latency = self.collect(count)
+        return arrived if self.sinks else count - (receive_errors() - dropped), latency
 
     def processor_seconds(self):
         return time.clock_gettime((~self.process.pid) << 3 | 2)  # clock_getcpuclockid(3)
@@ -106,9 +111,15 @@ class System:
         return int(status.split("VmRSS:")[1].split()[0])
 
 
-def send(rate, count):
-    """Returns the seconds it took."""
-    return float(subprocess.check_output([LOAD, "send", str(rate), str(count)]))
+def send(rate, count, *length):
+    subprocess.run([LOAD, "send", *map(str, (rate, count, *length))], check=True,
+                   stdout=subprocess.DEVNULL)
+
+
+def receive_errors():
+    names, values = (line.split() for line in pathlib.Path("/proc/net/snmp").read_text().split("\n")
+                     if line.startswith("Udp:"))
+    return int(values[names.index("RcvbufErrors")])
 
 
 def processor_time(rate):
@@ -123,33 +134,35 @@ def processor_time(rate):
     return measure
 
 
-def highest(low, high, step, holds):
-    """The largest multiple of `step` from low to high for which `holds`, by bisection."""
-    low, high = low // step, high // step + 1
+def highest(high, step, received_whole):
+    """The largest multiple of `step` up to high that is received whole, by bisection. A machine has
+    other things to do now and then: each gets two attempts."""
+    low, high = 0, high // step + 1
     while high - low > 1:
         middle = (low + high) // 2
-        low, high = (middle, high) if holds(middle * step) else (low, middle)
+        whole = received_whole(middle * step) or received_whole(middle * step)
+        low, high = (middle, high) if whole else (low, middle)
     return low * step
 
 
 def lossless_rate(system):
     with system:
         system.offer(20_000, 10_000)
-        return highest(0, 200_000, 5_000, lambda rate: system.offer(rate, rate)[0] >= rate)
+        return highest(200_000, 5_000, lambda rate: system.offer(rate, rate)[0] >= rate)
 
 
 def burst(limit, step):
     def measure(system):
         with system:
             system.offer(20_000, 10_000)
-            return highest(0, limit, step, lambda count: system.offer(0, count)[0] >= count)
+            return highest(limit, step, lambda count: system.offer(0, count)[0] >= count)
     return measure
 
 
 def burst_large(system):
     """The setting is the whole machine's and can be written only from outside the namespace: by a
     descriptor opened there."""
-    descriptor = int(os.environ["RMEM_FD"])
+    descriptor = int(os.environ[INSIDE])
     before = pathlib.Path(RMEM).read_bytes()
     os.pwrite(descriptor, str(LARGE_BUFFER).encode(), 0)
     try:
@@ -194,8 +207,14 @@ ROWS = [
 ]
 
 
+FLOOR = str(BUILD / "bench" / "floor")
+# The floor with steps left out: the differences tell what each step costs.
+STEPS = [System("receive", [FLOOR, "nolog", "noviewer"], OWN_PORT, sinks=()),
+         System("receive, log", [FLOOR, "noviewer"], OWN_PORT, sinks=(0,))]
+
+
 def systems(folder):
-    found = [System("floor", [str(BUILD / "bench" / "floor")], OWN_PORT),
+    found = [System("floor", [FLOOR], OWN_PORT),
              System("hvlogger", [str(BUILD / "hvlogger"), "server"], OWN_PORT)]
     rsyslogd = shutil.which("rsyslogd", path=os.environ["PATH"] + ":/usr/sbin")
     if rsyslogd:
@@ -222,32 +241,36 @@ def systems(folder):
     return found
 
 
+def enter_namespaces(script):
+    """Builds the benchmarks and starts the script again in namespaces of its own."""
+    if INSIDE in os.environ:
+        if "HVLOGGER_SHARED" in os.environ:
+            sys.exit(f"{script} needs namespaces of its own")
+        return
+    for step in ["cmake", "--preset", "bench"], ["cmake", "--build", "--preset", "bench"]:
+        subprocess.run(step, cwd=ROOT, check=True, stdout=sys.stderr)
+    descriptor = os.open(RMEM, os.O_WRONLY)
+    os.set_inheritable(descriptor, True)
+    os.environ[INSIDE] = str(descriptor)
+    os.execv(ROOT / "tests" / "isolated.sh",
+             ["isolated.sh", sys.executable, "-B", script, *sys.argv[1:]])
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
     parser.add_argument("--rounds", type=int, default=3)
     parser.add_argument("--json", type=pathlib.Path)
     parser.add_argument("--only", default="", help="measure only rows whose name contains this")
-    parser.add_argument("--inside", action="store_true", help=argparse.SUPPRESS)
     arguments = parser.parse_args()
-    if not arguments.inside:
-        subprocess.run(["cmake", "--preset", "bench"], cwd=ROOT, check=True, stdout=sys.stderr)
-        subprocess.run(["cmake", "--build", "--preset", "bench"], cwd=ROOT, check=True,
-                       stdout=sys.stderr)
-        descriptor = os.open(RMEM, os.O_WRONLY)
-        os.set_inheritable(descriptor, True)
-        os.environ["RMEM_FD"] = str(descriptor)
-        os.execv(ROOT / "tests" / "isolated.sh",
-                 ["isolated.sh", sys.executable, "-B", __file__, "--inside", *sys.argv[1:]])
-    if "HVLOGGER_SHARED" in os.environ:
-        sys.exit("compare.py needs namespaces of its own")
-
+    enter_namespaces(__file__)
     rows = [row for row in ROWS if any(arguments.only in name for name in row[0])]
     values = {}
     with tempfile.TemporaryDirectory() as folder:
         compared = systems(pathlib.Path(folder))
         for number in range(arguments.rounds):
             for names, measure in rows:
-                for system in compared:
+                steps = STEPS if "20,000/s" in names[0] else []
+                for system in compared + steps:
                     measured = measure(system)
                     for name, value in zip(names, measured):
                         values.setdefault(name, {}).setdefault(system.name, []).append(value)
@@ -262,6 +285,8 @@ def main():
         cells = (f"{row[system.name]:,.1f} ({row[system.name] / row['floor']:.2f})"
                  for system in compared)
         print(f"{name:44}" + "".join(f"{cell:>18}" for cell in cells))
+        for step in (step.name for step in STEPS if step.name in row):
+            print(f"  of it the floor to {step + ':':23}{row[step]:6.1f}")
     if arguments.json:
         arguments.json.write_text(json.dumps({"medians": medians, "rounds": values}, indent=1))
 

@@ -1,7 +1,8 @@
 // What bench/compare.py and its neighbours put around a log collector, cheap enough not to be the
-// bottleneck on two cores. Each message is 147 bytes and carries when it was sent
-// (CLOCK_MONOTONIC).
-//   load send RATE COUNT   COUNT messages to port 50000 at RATE a second; RATE 0: as one burst
+// bottleneck on two cores. Each message carries when it was sent (CLOCK_MONOTONIC).
+//   load send RATE COUNT [LENGTH]
+//                          COUNT messages of LENGTH (147) bytes to port 50000 at RATE a second;
+//                          RATE 0: as one burst
 //   load sink PORT         reads /dev/log and a viewer's stream: connects to PORT and asks for all
 //                          if it is 50000, otherwise waits there for the collector's connection.
 //                          For each line on standard input prints how many messages came on either
@@ -30,7 +31,7 @@
 namespace {
 
 constexpr unsigned short loggerPort = 50000;
-constexpr std::size_t messageLength = 147;
+constexpr std::size_t usualLength = 147;
 constexpr char mark = '@'; // before the time; nowhere else in a message
 constexpr std::size_t timeDigits = 19;
 
@@ -58,10 +59,10 @@ sockaddr_in local(unsigned short port) {
     return address;
 }
 
-std::string newMessage() {
+std::string newMessage(std::size_t length) {
     std::string text = "<14>1 2024-03-05T10:20:30.123456Z dev01 sip 412 - - ";
     text += mark + std::string(timeDigits, '0') + ' ';
-    text.resize(messageLength, 'x');
+    text.resize(length, 'x');
     return text;
 }
 
@@ -92,14 +93,14 @@ int logSocket() {
     return fd;
 }
 
-int sendMessages(std::int64_t rate, std::int64_t count) {
+int sendMessages(std::int64_t rate, std::int64_t count, std::size_t length) {
     constexpr std::int64_t tickNs = 500'000;
     constexpr std::int64_t batch = 64;
-    std::vector<std::string> texts(batch, newMessage());
+    std::vector<std::string> texts(batch, newMessage(length));
     std::vector<iovec> parts(batch);
     std::vector<mmsghdr> headers(batch);
     for (std::size_t i = 0; i < batch; ++i) {
-        parts[i] = {texts[i].data(), messageLength};
+        parts[i] = {texts[i].data(), length};
         headers[i].msg_hdr.msg_iov = &parts[i];
         headers[i].msg_hdr.msg_iovlen = 1;
     }
@@ -238,7 +239,7 @@ int sink(unsigned short port) {
 int measureStart(char** command) {
     const int log = logSocket();
     const int fd = senderSocket();
-    std::string text = newMessage();
+    std::string text = newMessage(usualLength);
     pid_t child = 0;
     const std::int64_t begin = nowNs();
     if (posix_spawnp(&child, command[0], nullptr, nullptr, command, environ) != 0) {
@@ -273,8 +274,10 @@ int measureStart(char** command) {
 
 int main(int argc, char** argv) {
     const std::string mode = argc > 1 ? argv[1] : "";
-    if (mode == "send" && argc == 4) {
-        return sendMessages(std::atoll(argv[2]), std::atoll(argv[3]));
+    if (mode == "send" && (argc == 4 || argc == 5)) {
+        return sendMessages(std::atoll(argv[2]), std::atoll(argv[3]),
+                            argc == 5 ? static_cast<std::size_t>(std::atoll(argv[4]))
+                                      : usualLength);
     }
     if (mode == "sink" && argc == 3) {
         return sink(static_cast<unsigned short>(std::atoi(argv[2])));
@@ -282,6 +285,6 @@ int main(int argc, char** argv) {
     if (mode == "start" && argc > 2) {
         return measureStart(argv + 2);
     }
-    std::fputs("load send RATE COUNT | sink PORT | start COMMAND...\n", stderr);
+    std::fputs("load send RATE COUNT [LENGTH] | sink PORT | start COMMAND...\n", stderr);
     return 1;
 }

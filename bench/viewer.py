@@ -24,8 +24,9 @@ import threading
 import time
 import tty
 
-ROOT = pathlib.Path(__file__).resolve().parent.parent
-HVLOGGER = str(ROOT / "build-bench" / "hvlogger")
+import compare
+
+HVLOGGER = str(compare.BUILD / "hvlogger")
 LOG_PORT = 50000
 LIVE_MESSAGES, LIVE_INTERVAL = 1_000, 1 / 250
 RSYSLOG = """
@@ -179,14 +180,8 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
     parser.add_argument("--rounds", type=int, default=5)
     parser.add_argument("--json", type=pathlib.Path)
-    parser.add_argument("--inside", action="store_true", help=argparse.SUPPRESS)
     arguments = parser.parse_args()
-    if not arguments.inside:
-        subprocess.run(["cmake", "--preset", "bench"], cwd=ROOT, check=True, stdout=sys.stderr)
-        subprocess.run(["cmake", "--build", "--preset", "bench"], cwd=ROOT, check=True,
-                       stdout=sys.stderr)
-        os.execv(ROOT / "tests" / "isolated.sh",
-                 ["isolated.sh", sys.executable, "-B", __file__, "--inside", *sys.argv[1:]])
+    compare.enter_namespaces(__file__)
 
     values = {}
 

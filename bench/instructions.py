@@ -1,0 +1,35 @@
+#!/usr/bin/env python3
+"""Counts the instructions of one append into a full store and of one server cycle, the same on every
+run and whatever else the machine does, for comparing one version with the next.
+
+    ./bench/instructions.py
+
+Needs valgrind. Runs in private network and mount namespaces.
+"""
+import re
+import subprocess
+
+import compare
+
+FEW, MANY = 1_000, 3_000
+COUNTED = {"append": "QELloggerSyslogFmt::append(*", "cycle": "QELselector::runOnce()"}
+
+
+def count(mode, times):
+    run = subprocess.run(
+        ["valgrind", "--tool=callgrind", "--callgrind-out-file=/dev/null",
+         f"--toggle-collect={COUNTED[mode]}", str(compare.BUILD / "bench" / "instructions"), mode,
+         str(times)], check=True, capture_output=True, text=True)
+    return int(re.search(r"Collected : (\d+)", run.stderr)[1])
+
+
+def main():
+    compare.enter_namespaces(__file__)
+    for mode in COUNTED:
+        # The difference leaves out what only the first ones need.
+        each = (count(mode, MANY) - count(mode, FEW)) / (MANY - FEW)
+        print(f"{mode}: {each:,.0f} instructions")
+
+
+if __name__ == "__main__":
+    main()
