@@ -214,7 +214,10 @@ void QELloggerSyslogFmt::setAllComponents(bool value) {
 }
 
 bool QELloggerSyslogFmt::passesFilters(const QELloggerSyslogMsg& record) const {
-    const auto entry = components.find(record.appName);
+    return passesFilters(record, components.find(record.appName));
+}
+
+bool QELloggerSyslogFmt::passesFilters(const QELloggerSyslogMsg& record, Component entry) const {
     const auto facility = static_cast<std::size_t>(record.facility);
     return entry != components.end() && entry->second && facility < facilityFlags.size() &&
            facilityFlags[facility] && minSeverity <= record.severity &&
@@ -236,8 +239,13 @@ void QELloggerSyslogFmt::printLine(std::string_view line) {
 std::size_t QELloggerSyslogFmt::allMessages(std::string& out, bool formatted) const {
     out.clear();
     out.reserve(byteCount);
+    auto entry = components.end();
     for (const QELloggerSyslogMsg& record : messages) {
-        if (!passesFilters(record)) {
+        // Looked up only where the program changes: in a listing this is what costs most.
+        if (entry == components.end() || entry->first != record.appName) {
+            entry = components.find(record.appName);
+        }
+        if (!passesFilters(record, entry)) {
             continue;
         }
         if (formatted) {

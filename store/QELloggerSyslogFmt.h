@@ -132,6 +132,10 @@ class QELloggerSyslogFmt {
     static int getText(std::string_view message, std::string& text);
 
   private:
+    using Component = std::map<std::string, bool, std::less<>>::const_iterator;
+
+    /// The same with the record's entry in `components`, or its end, looked up already.
+    [[nodiscard]] bool passesFilters(const QELloggerSyslogMsg& record, Component entry) const;
     static bool extract(std::string_view message, QELloggerSyslogMsg& record);
     void store(QELloggerSyslogMsg&& record);
     void setComponent(std::string_view name, bool value);
