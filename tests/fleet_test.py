@@ -1,0 +1,195 @@
+"""Two devices, each with hvlogger and rsyslog, and a centre: every line arrives, in the right file,
+although the centre and the way to it are away for a while.
+
+Uses examples/fleet/*.conf as they are shipped. Each machine is a set of namespaces of its own; the
+devices are wired to the centre by veth pairs. Exits with 77 where that or rsyslog is missing.
+"""
+
+import contextlib
+import pathlib
+import re
+import shutil
+import subprocess
+import sys
+import time
+
+HERE = pathlib.Path(__file__).parent
+sys.path.insert(0, str(HERE / "e2e"))
+import harness  # noqa: E402
+from harness import await_true  # noqa: E402
+
+harness.DEADLINE = 240  # a connection that was cut starts again in its own time
+CONFIGURATIONS = HERE.parent / "examples" / "fleet"
+PROGRAMS = "sip", "router"
+AWAY = 3000  # lines of a device meanwhile: more than its queue holds in memory
+
+MACHINE = """set -eu
+echo "$1" >/proc/sys/kernel/hostname
+echo 10000 >/proc/sys/net/unix/max_dgram_qlen # a slow test machine is not to skip lines
+ip link set lo up
+mount -t tmpfs tmpfs /run
+mkdir /run/dev
+for node in null zero random urandom; do
+    : >/run/dev/$node
+    mount --bind /dev/$node /run/dev/$node
+done
+mount --rbind /run/dev /dev
+mount -t tmpfs tmpfs /var/log
+mount -t tmpfs tmpfs /var/spool
+mkdir /var/spool/rsyslog
+printf '%s log-centre\\n127.0.0.1 %s\\n' "$2" "$1" >/run/hosts
+mount --bind /run/hosts /etc/hosts
+echo up
+exec sleep infinity"""
+
+# Waits for the server between two pieces: a datagram that finds its socket full is lost.
+SENDER = """import socket, sys, time
+sender = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+def unread():
+    rows = [line.split() for line in open("/proc/net/udp")][1:]
+    return any(row[1].endswith(":C350") and not row[4].endswith(":00000000") for row in rows)
+for number, line in enumerate(sys.stdin.buffer):
+    sender.sendto(line, ("127.0.0.1", 50000))
+    while number % 20 == 0 and unread():
+        time.sleep(0.001)
+"""
+
+
+def skip(reason):
+    print(f"skipped: {reason}")
+    sys.exit(77)
+
+
+class Machine:
+    def __init__(self, stack, name, centre_address):
+        self.name, self.stack = name, stack
+        self.process = stack.enter_context(subprocess.Popen(
+            ["unshare", "--net", "--mount", "--uts", "--propagation", "private",
+             "sh", "-c", MACHINE, "sh", name, centre_address], stdout=subprocess.PIPE))
+        stack.callback(self.process.kill)
+        if self.process.stdout.readline() != b"up\n":
+            skip("no namespaces for further machines")
+        self.root = pathlib.Path(f"/proc/{self.process.pid}/root")
+        self.enter = ["nsenter", "--net", "--mount", "--uts", "--target", str(self.process.pid)]
+
+    def run(self, *command, **options):
+        subprocess.run([*self.enter, *command], check=True, **options)
+
+    def start(self, *command):
+        process = self.stack.enter_context(subprocess.Popen([*self.enter, *command], cwd="/tmp"))
+        self.stack.callback(process.kill)
+        return process
+
+    def listens(self, port):
+        rows = [line.split() for table in ("tcp", "tcp6")
+                for line in pathlib.Path(f"/proc/{self.process.pid}/net/{table}").read_text().splitlines()]
+        return any(row[1].endswith(f":{port:04X}") and row[3] == "0A" for row in rows)
+
+    def start_rsyslog(self, configuration, ready):
+        self.rsyslog = self.start("rsyslogd", "-n", "-f", str(CONFIGURATIONS / configuration))
+        await_true(ready, f"rsyslogd starts on {self.name}")
+
+    def kill_rsyslog(self):
+        self.rsyslog.kill()
+        self.rsyslog.wait()
+
+
+class Device(Machine):
+    def __init__(self, stack, number, centre):
+        super().__init__(stack, f"dev{number:02}", f"10.98.{number}.1")
+        self.sent = {program: set() for program in PROGRAMS}
+        self.centre = centre
+        subprocess.run(["ip", "link", "add", "eth0", "netns", str(self.process.pid), "type", "veth",
+                        "peer", "name", self.name, "netns", str(centre.process.pid)], check=True)
+        for machine, device, host in (self, "eth0", 2), (centre, self.name, 1):
+            machine.run("ip", "address", "add", f"10.98.{number}.{host}/24", "dev", device)
+            machine.run("ip", "link", "set", device, "up")
+        self.start_rsyslog("device.conf", (self.root / "dev/log").is_socket)
+        self.start(harness.PROGRAM, "server")
+        await_true(lambda: self.listens(harness.PORT), "hvlogger starts")
+
+    def link(self, state):
+        self.centre.run("ip", "link", "set", self.name, state)
+
+    def log(self, count):
+        """Logs lines of all programs in turn, each with a text of its own."""
+        lines = []
+        for _ in range(count // len(PROGRAMS)):
+            for program, texts in self.sent.items():
+                text = f"{program} of {self.name}, event {len(texts)}"
+                texts.add(text)
+                lines.append(harness.message(text, app=program) + b"\n")
+        self.run("/usr/bin/python3", "-c", SENDER, input=b"".join(lines))
+
+    def queue_on_disk(self):
+        return any((self.root / "var/spool/rsyslog").glob("to-centre.0*"))
+
+
+def received(centre):
+    """The centre's lines: texts by device and program."""
+    files = {}
+    for path in (centre.root / "var/log/devices").glob("*/*"):
+        # What is behind the last line feed is still being written.
+        lines = path.read_text().split("\n")[:-1]
+        files[path.parent.name, path.stem] = {re.sub(r"^\S+ \S+ \S+ ", "", line) for line in lines}
+    return files
+
+
+def main():
+    if shutil.which("rsyslogd") is None:
+        skip("no rsyslog")
+    for name in "device.conf", "centre.conf":
+        check = subprocess.run(["rsyslogd", "-N1", "-f", CONFIGURATIONS / name], capture_output=True, text=True)
+        if "relp.so" in check.stderr:
+            skip("no rsyslog-relp")
+        assert check.returncode == 0, check.stderr
+    if harness.SHARED:
+        skip("no namespaces")
+    with contextlib.ExitStack() as stack:
+        centre = Machine(stack, "centre", "127.0.0.1")
+
+        def start_centre():
+            centre.start_rsyslog("centre.conf", lambda: centre.listens(2514))
+
+        start_centre()
+        devices = [Device(stack, number, centre) for number in (1, 2)]
+
+        def all_there(when):
+            expected = {(device.name, program): texts
+                        for device in devices for program, texts in device.sent.items()}
+
+            def complete():
+                time.sleep(0.2)
+                logged = received(centre)
+                return all(texts <= logged.get(key, set()) for key, texts in expected.items())
+
+            with contextlib.suppress(AssertionError):
+                await_true(complete, "every line arrives")
+            logged = {key: texts for key, texts in received(centre).items() if key[1] != "rsyslogd"}
+            wrong = {key: sorted(logged.get(key, set()) ^ expected.get(key, set()))
+                     for key in logged.keys() | expected.keys()}
+            assert logged == expected, (when, {key: (len(texts), texts[:5]) for key, texts in wrong.items()})
+            print(f"{when}: {sum(map(len, expected.values()))} lines of {len(devices)} devices, all there", flush=True)
+
+        for device in devices:
+            device.log(200)
+        all_there("with the centre there")
+
+        for device in devices:
+            device.log(200)
+        centre.kill_rsyslog()
+        for device in devices:
+            device.log(AWAY)
+            await_true(device.queue_on_disk, "the queue goes to disk")
+        start_centre()
+        all_there("after the centre was killed")
+
+        devices[1].link("down")
+        for device in devices:
+            device.log(AWAY)
+        await_true(devices[1].queue_on_disk, "the queue goes to disk")
+        devices[1].link("up")
+        all_there("after one device's link was down")
+
+
+main()
