@@ -12,23 +12,20 @@
 
 namespace {
 
-constexpr std::int64_t unset = -77;
+using Parser = bool (*)(const char*&, std::int64_t&);
 
-/// The result of a parser, with what holds for all of them checked.
-struct Parsed {
-    bool accepted = false;
-    std::int64_t micros = unset;
-    std::size_t length = 0;
+constexpr std::int64_t refused = -77;
 
-    Parsed(bool (*parse)(const char*&, std::int64_t&), std::string_view text) {
-        const auto exact = exactText(text);
-        const char* cursor = exact.get();
-        accepted = parse(cursor, micros);
-        length = static_cast<std::size_t>(cursor - exact.get());
-        require(length <= std::strlen(exact.get()), "no parser moves beyond the text");
-        require(accepted || micros == unset, "refused text leaves the result");
-    }
-};
+/// What a parser makes of the text, or `refused`.
+std::int64_t parsed(Parser parse, std::string_view text) {
+    const auto exact = exactText(text);
+    const char* cursor = exact.get();
+    std::int64_t micros = refused;
+    const bool accepted = parse(cursor, micros);
+    require(cursor <= exact.get() + std::strlen(exact.get()), "no parser moves beyond the text");
+    require(accepted == (micros != refused), "only accepted text sets the result");
+    return micros;
+}
 
 void readNumberOf(std::string_view text) {
     const auto exact = exactText(text);
@@ -37,39 +34,25 @@ void readNumberOf(std::string_view text) {
     const bool accepted = readNumber(cursor, value);
     const std::size_t digits = std::strspn(exact.get(), "0123456789");
     require(cursor == exact.get() + digits && accepted == (digits > 0), "a number is its digits");
-    const std::uint64_t expected =
-        digits == 0 ? 0 : std::strtoull(std::string(text.substr(0, digits)).c_str(), nullptr, 10);
+    const std::uint64_t expected = digits == 0 ? 0 : std::strtoull(exact.get(), nullptr, 10);
     require(digits > 19 || value == static_cast<std::uint32_t>(expected), "a number is its value");
 }
 
-void readDate(std::string_view text) {
-    const Parsed parsed(parseDate, text);
-    if (!parsed.accepted) {
+/// An accepted text is at least 0 and a multiple of `step` below `end`; written, it is read again.
+void read(Parser parse, std::string_view text, std::int64_t step, std::int64_t end) {
+    const std::int64_t micros = parsed(parse, text);
+    if (micros == refused) {
         return;
     }
-    require(parsed.micros >= 0 && parsed.micros % microsPerDay == 0,
-            "a date is a day from 1601 on");
+    require(micros >= 0 && micros < end && micros % step == 0, "a date is a day, a time within it");
     QELdateTime time;
-    fromMicros(time, static_cast<std::uint64_t>(parsed.micros));
+    fromMicros(time, static_cast<std::uint64_t>(micros));
     for (const int style : {0, 1, 2}) {
         for (const bool padded : {false, true}) {
-            require(Parsed(parseDate, formatDate(time, style, padded)).micros == parsed.micros,
-                    "a date that is written is read again");
+            require(parsed(parse, parse == parseDate ? formatDate(time, style, padded)
+                                                     : formatTime(time, 6, padded, ':')) == micros,
+                    "what is written is read again");
         }
-    }
-}
-
-void readTime(std::string_view text) {
-    const Parsed parsed(parseTime, text);
-    if (!parsed.accepted) {
-        return;
-    }
-    require(parsed.micros >= 0 && parsed.micros < microsPerDay, "a time lies within a day");
-    QELdateTime time;
-    fromMicros(time, static_cast<std::uint64_t>(parsed.micros));
-    for (const bool padded : {false, true}) {
-        require(Parsed(parseTime, formatTime(time, 6, padded, ':')).micros == parsed.micros,
-                "a time that is written is read again");
     }
 }
 
@@ -96,8 +79,8 @@ void write(const QELdateTime& time) {
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t size) {
     const std::string_view text = asText(data, size);
     readNumberOf(text);
-    readDate(text);
-    readTime(text);
+    read(parseDate, text, microsPerDay, INT64_MAX);
+    read(parseTime, text, 1, microsPerDay);
     if (QELdateTime record; size >= sizeof record) {
         std::memcpy(&record, data, sizeof record);
         write(record);
