@@ -36,13 +36,11 @@ constexpr unsigned numberBits = 5;
 constexpr std::size_t numberMask = (1U << numberBits) - 1;
 
 /// Wakes the dispatcher at once, so that no cycle waits.
-class Tick : public QELselTimer {
-  public:
+struct Tick : QELselTimer {
     std::uint64_t onTimer(std::int64_t /*nowUs*/) override { return 1; }
 };
 
-class Mediator : public QELmediator {
-  public:
+struct Mediator : QELmediator {
     std::string listing;
     std::string newest;
     int dumps = 0;
@@ -80,26 +78,33 @@ class Session {
         connectViewer();
     }
 
-    void send(std::string_view bytes) {
-        transmit(bytes);
-        if (dispatch(bytes) == HVLoggerTCPsock::cmdSendAll) {
-            expected += mediator.listing;
+    /// Sends a batch, and has the viewer leave before the server looks or not.
+    void send(std::string_view bytes, bool leaving) {
+        require(bytes.empty() || viewer.send(bytes.data(), static_cast<unsigned>(bytes.size())) ==
+                                     static_cast<int>(bytes.size()),
+                "the server has read what was sent before");
+        std::int32_t command = 0;
+        if (bytes.size() >= sizeof command) {
+            std::memcpy(&command, bytes.data(), sizeof command);
         }
-        requireStillThere();
-    }
-
-    void sendAndLeave(std::string_view bytes) {
-        transmit(bytes);
-        viewer.close();
-        dispatch(bytes);
-        replaceViewer();
+        if (leaving) {
+            viewer.close();
+        }
+        const int dumpsBefore = mediator.dumps;
+        cycle();
+        require(mediator.dumps == dumpsBefore + (command == HVLoggerTCPsock::cmdWriteFile ? 1 : 0),
+                "a batch is its first command");
+        if (leaving) {
+            replaceViewer();
+        } else if (command == HVLoggerTCPsock::cmdSendAll) {
+            expect(mediator.listing);
+        }
     }
 
     void announce(std::size_t length) {
         mediator.newest.assign(length, 'n');
-        expected += mediator.newest;
         server.forwardNewest();
-        requireStillThere();
+        expect(mediator.newest);
     }
 
     void setListing(std::size_t length) {
@@ -112,19 +117,12 @@ class Session {
 
     /// Reads what has come until that is @p limit bytes. @return how many
     std::size_t read(std::size_t limit) {
-        std::size_t count = 0;
-        while (count < limit) {
-            const ssize_t got = ::recv(viewer.fd, buffer.data(),
-                                       std::min(buffer.size(), limit - count), MSG_DONTWAIT);
-            if (got <= 0) {
-                break;
-            }
-            const auto bytes = static_cast<std::size_t>(got);
-            require(expected.compare(arrived, bytes, buffer.data(), bytes) == 0,
-                    "the viewer gets what was asked for, in order");
-            arrived += bytes;
-            count += bytes;
-        }
+        std::vector<char> buffer(limit);
+        const ssize_t got = ::recv(viewer.fd, buffer.data(), limit, MSG_DONTWAIT);
+        const std::size_t count = got > 0 ? static_cast<std::size_t>(got) : 0;
+        require(expected.compare(arrived, count, buffer.data(), count) == 0,
+                "the viewer gets what was asked for, in order");
+        arrived += count;
         return count;
     }
 
@@ -149,25 +147,6 @@ class Session {
     }
 
   private:
-    void transmit(std::string_view bytes) {
-        require(bytes.empty() || viewer.send(bytes.data(), static_cast<unsigned>(bytes.size())) ==
-                                     static_cast<int>(bytes.size()),
-                "the server has read what was sent before");
-    }
-
-    /// Has the server read a batch. @return the command that it is, by its first bytes
-    std::int32_t dispatch(std::string_view batch) {
-        std::int32_t command = 0;
-        if (batch.size() >= sizeof command) {
-            std::memcpy(&command, batch.data(), sizeof command);
-        }
-        const int dumpsBefore = mediator.dumps;
-        cycle();
-        require(mediator.dumps == dumpsBefore + (command == HVLoggerTCPsock::cmdWriteFile ? 1 : 0),
-                "a batch is its first command");
-        return command;
-    }
-
     void connectViewer() {
         expected.clear();
         arrived = 0;
@@ -178,14 +157,13 @@ class Session {
     }
 
     /// The server may hang up only on a viewer that leaves too much unread.
-    void requireStillThere() {
-        if (server.state == HVLoggerTCPsockSrv::stateConnected) {
-            return;
+    void expect(const std::string& text) {
+        expected += text;
+        if (server.state != HVLoggerTCPsockSrv::stateConnected) {
+            require(expected.size() - arrived > HVLoggerTCPsockSrv::pendingLimit,
+                    "a viewer that reads is kept");
+            connectViewer();
         }
-        require(expected.size() - arrived > HVLoggerTCPsockSrv::pendingLimit,
-                "a viewer that reads is kept");
-        viewer.close();
-        connectViewer();
     }
 
     /// One cycle as the server's mode runs it.
@@ -205,7 +183,6 @@ class Session {
     HVLoggerTCPsockSrv server;
     std::string expected;
     std::size_t arrived = 0;
-    std::vector<char> buffer = std::vector<char>(65'536);
 };
 
 } // namespace
@@ -226,12 +203,13 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t siz
         const std::size_t number = event & numberMask;
         switch (event >> numberBits) {
         case sendBytes:
-            session.send(take(number));
+        case sendAndLeave:
+            session.send(take(number), event >> numberBits == sendAndLeave);
             break;
         case sendLong: {
             std::string batch(take(sizeof(std::int32_t)));
             batch.resize(std::max<std::size_t>(batch.size(), 500 * number));
-            session.send(batch);
+            session.send(batch, false);
             break;
         }
         case newMessage:
@@ -246,11 +224,8 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t siz
         case readAll:
             session.readAll();
             break;
-        case leave:
-            session.replaceViewer();
-            break;
         default:
-            session.sendAndLeave(take(number));
+            session.replaceViewer();
             break;
         }
     }
