@@ -6,8 +6,9 @@ import shutil
 import subprocess
 import sys
 import tempfile
+import unittest
 
-from harness import MARKER, PROGRAM, LogDevice, Server, TestCase, main, send_datagrams
+from harness import LOG_DEVICE_TAKEN, MARKER, PROGRAM, LogDevice, Server, TestCase, main, send_datagrams
 
 TOP = pathlib.Path(__file__).parents[2]
 DOCUMENTS = [TOP / "README.md", *sorted((TOP / "docs").glob("*.md"))]
@@ -58,6 +59,7 @@ class Documents(TestCase):
             with self.subTest(limit=limit):
                 self.assertRegex(text_of(place), re.escape(limit) + r"(?![\w'])")
 
+    @unittest.skipIf(LOG_DEVICE_TAKEN, "no log device of its own")
     def test_datagrams_become_what_the_protocol_says(self):
         table = rows("docs/protocol.md", "datagram")
         self.assertGreater(len(table), 5)
@@ -98,6 +100,7 @@ class Documents(TestCase):
                 server.stop()
                 self.assertEqual((viewer.stdout.read(), viewer.wait()), ("", 0))
 
+    @unittest.skipIf(LOG_DEVICE_TAKEN, "no log device of its own")
     def test_the_ways_to_log(self):
         python, = fenced("README.md", "python")
         shell, = indented("README.md", "logger")
