@@ -30,7 +30,7 @@ std::int64_t parsed(Parser parse, std::string_view text) {
 void readNumberOf(std::string_view text) {
     const auto exact = exactText(text);
     const char* cursor = exact.get();
-    std::uint32_t value = 0;
+    std::uint32_t value = 99;
     const bool accepted = readNumber(cursor, value);
     const std::size_t digits = std::strspn(exact.get(), "0123456789");
     require(cursor == exact.get() + digits && accepted == (digits > 0), "a number is its digits");

@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <csignal>
 #include <ctime>
+#include <deque>
 #include <fcntl.h>
 #include <functional>
 #include <map>
@@ -17,11 +18,13 @@
 #include <optional>
 #include <poll.h>
 #include <random>
+#include <set>
 #include <string>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -30,6 +33,18 @@ using testing::ElementsAre;
 
 constexpr std::uint64_t longAgo = 1;
 constexpr std::uint64_t never = UINT64_MAX; // armed, but not due in anyone's lifetime
+
+/// What can be waited for, in the order of serving.
+struct Condition {
+    bool (QELselector::*add)(QELselRcv*, std::int32_t);
+    void (QELselector::*remove)(const QELselRcv*);
+    void (QELselRcv::*selRemove)();
+};
+constexpr std::array<Condition, 3> conditions{{
+    {&QELselector::addWrite, &QELselector::removeWrite, &QELselRcv::selRemoveWrite},
+    {&QELselector::addRead, &QELselector::removeRead, &QELselRcv::selRemoveRead},
+    {&QELselector::addExcept, &QELselector::removeExcept, &QELselRcv::selRemoveExcept},
+}};
 
 // The callbacks run copies of the actions, so that an action may destroy its own object.
 struct Receiver : QELselRcv {
@@ -54,209 +69,185 @@ struct Impatient : QELselector {
     Impatient() { setTimer(&due, longAgo); }
 };
 
-struct Descriptors {
-    std::vector<int> fds;
-    Descriptors(std::initializer_list<int> descriptors) : fds(descriptors) {}
-    Descriptors(const Descriptors&) = delete;
-    ~Descriptors() { std::ranges::for_each(fds, close); }
-};
-
-/// One end of a connection: writable, and after feed() readable.
-struct End : Descriptors {
-    End() : Descriptors{-1, -1} {
-        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds.data()), 0);
-    }
-    [[nodiscard]] int fd() const { return fds[0]; }
-    void feed() const { EXPECT_EQ(write(fds[1], "x", 1), 1); }
-};
-
-/// One end of a TCP connection over the loopback: has urgent data.
-struct UrgentEnd : Descriptors {
-    UrgentEnd()
-        : Descriptors{socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0),
-                      socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)} {
+/// One end of a TCP connection: writable, and once data has come readable or, if the data was sent
+/// with MSG_OOB, in an exceptional condition.
+struct End {
+    std::array<int, 3> fds; // the first is the end
+    explicit End(const std::string& data = "", int flags = 0) {
+        std::ranges::generate(fds, [] { return socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0); });
         sockaddr_in in{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
         socklen_t length = sizeof in;
         auto* address = reinterpret_cast<sockaddr*>(&in);
-        EXPECT_EQ(bind(fds[0], address, length), 0);
-        EXPECT_EQ(listen(fds[0], 1), 0);
-        EXPECT_EQ(getsockname(fds[0], address, &length), 0);
-        EXPECT_EQ(connect(fds[1], address, length), 0);
-        fds.push_back(accept4(fds[0], nullptr, nullptr, SOCK_CLOEXEC));
-        EXPECT_EQ(send(fds[1], "!", 1, MSG_OOB), 1);
-        pollfd arrival{fd(), POLLPRI, 0};
-        EXPECT_EQ(poll(&arrival, 1, 60'000), 1);
+        EXPECT_EQ(bind(fds[2], address, length) + listen(fds[2], 1), 0);
+        EXPECT_EQ(getsockname(fds[2], address, &length) + connect(fds[1], address, length), 0);
+        close(fds[0]);
+        fds[0] = accept4(fds[2], nullptr, nullptr, SOCK_CLOEXEC);
+        feed(data, flags);
     }
-    [[nodiscard]] int fd() const { return fds[2]; }
-};
-
-struct Dispatcher : testing::Test {
-    std::vector<std::string> log;
-    std::vector<std::int64_t> times;
-    QELselector selector;
-
-    /// An action that notes its call.
-    auto note(const char* name, std::uint64_t result) {
-        return [this, name, result](std::int64_t now) {
-            log.emplace_back(name);
-            times.push_back(now);
-            return result;
-        };
+    ~End() { std::ranges::for_each(fds, close); }
+    [[nodiscard]] int fd() const { return fds[0]; }
+    void feed(const std::string& data, int flags = 0) const {
+        EXPECT_EQ(send(fds[1], data.data(), data.size(), flags), ssize_t(data.size()));
+        pollfd arrival{fd(), POLLIN | POLLPRI, 0};
+        EXPECT_EQ(poll(&arrival, 1, data.empty() ? 0 : 60'000), data.empty() ? 0 : 1);
     }
 };
-
-TEST_F(Dispatcher, ServesWritersReadersExceptionsByDescriptorThenTimersInListOrder) {
-    rlimit limit{};
-    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
-    limit.rlim_cur = std::max<rlim_t>(limit.rlim_cur, QELselector::descriptorLimit);
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
-    const UrgentEnd urgent; // a lower descriptor than the others
-    const End low;
-    const Descriptors high{fcntl(low.fd(), F_DUPFD_CLOEXEC, 1023)}; // the highest that fits
-    ASSERT_EQ(high.fds[0], 1023);
-    low.feed();
-    Receiver write0(note("write 0", true));
-    Receiver write1(note("write 1", true));
-    Receiver read0(note("read 0", true));
-    Receiver read1(note("read 1", true));
-    Receiver except(note("except", true));
-    Timer later(note("later", 0));
-    Timer earlier(note("earlier", 0));
-
-    selector.setTimer(&later, longAgo + 1);
-    selector.setTimer(&earlier, longAgo);
-    ASSERT_TRUE(selector.addExcept(&except, urgent.fd()));
-    ASSERT_TRUE(selector.addRead(&read1, high.fds[0]));
-    ASSERT_TRUE(selector.addRead(&read0, low.fd()));
-    ASSERT_TRUE(selector.addWrite(&write1, high.fds[0]));
-    ASSERT_TRUE(selector.addWrite(&write0, low.fd()));
-    const std::int64_t before = QELselector::nowUs();
-    ASSERT_EQ(selector.runOnce(), 0);
-    EXPECT_THAT(
-        log, ElementsAre("write 0", "write 1", "read 0", "read 1", "except", "later", "earlier"));
-    EXPECT_THAT(times, testing::Each(times.front()));
-    EXPECT_GE(times.front(), before);
-}
 
 /// A dispatcher and a plain model of it, side by side. Every callback first checks that it is the
 /// one the model expects next, then changes registrations at random in both.
 struct SideBySide {
-    static constexpr std::size_t receiverCount = 5;
-    using Entries = std::map<std::size_t, std::size_t>; // index of the end: of the receiver
+    using Entries = std::map<int, std::size_t>; // descriptor: receiver
 
     std::mt19937 random{20240229};
-    std::array<End, 6> ends; // the even ones are readable, all are writable
-    Impatient selector;
-    std::array<std::unique_ptr<Receiver>, receiverCount> receivers;
+    std::array<End, 6> ends{End(), End(), End("x"), End("x"), End("!", MSG_OOB), End("!", MSG_OOB)};
+    std::array<std::set<int>, 3> ready; // for each condition
+    Impatient elsewhere;
+    std::unique_ptr<QELselector> selector;
+    std::array<std::unique_ptr<Receiver>, 5> receivers;
     std::size_t calls{0};
+    std::optional<std::int64_t> cycleTime;
 
-    std::array<Entries, 2> entries; // for writing, for reading
-    std::array<Entries, 2> watched; // the entries when the cycle began
-    std::array<bool, receiverCount> linked{};
-    std::size_t group{0}; // the one being served, and what is still to be looked at in it
-    std::optional<Entries> snapshot;
+    std::array<Entries, 3> entries;
+    std::array<Entries, 3> watched; // the entries when the cycle began
+    std::array<QELselector*, 5> links{};
+    std::size_t group{0}; // the condition being served, and what is still to be looked at in it
+    std::deque<int> queue;
 
     SideBySide() {
-        for (std::size_t i = 0; i < ends.size(); i += 2) {
-            ends[i].feed();
+        rlimit limit{};
+        getrlimit(RLIMIT_NOFILE, &limit);
+        limit.rlim_cur = std::max<rlim_t>(limit.rlim_cur, QELselector::descriptorLimit);
+        setrlimit(RLIMIT_NOFILE, &limit);
+        int& end = ends[2].fds[0];
+        close(std::exchange(end, fcntl(end, F_DUPFD_CLOEXEC, QELselector::descriptorLimit - 1)));
+        EXPECT_EQ(end, 1023) << "not the highest descriptor that fits";
+        for (std::size_t i = 0; i < ends.size(); ++i) {
+            ready[0].insert(ends[i].fd());
+            ready[i / 2].insert(ends[i].fd());
         }
-        for (std::size_t id = 0; id < receiverCount; ++id) {
+        for (std::size_t id = 0; id < receivers.size(); ++id) {
             create(id);
         }
     }
 
     std::size_t below(std::size_t limit) { return random() % limit; }
 
+    /// Also destroys the old one.
     void create(std::size_t id) {
-        receivers[id] = std::make_unique<Receiver>([this, id](auto) { return called(id); });
+        receivers[id] =
+            std::make_unique<Receiver>([this, id](auto now) { return called(id, now); });
+        leave(id, nullptr);
+    }
+
+    void leave(std::size_t id, QELselector* link) {
+        for (Entries& each : entries) {
+            std::erase_if(each, [id](const auto& entry) { return entry.second == id; });
+        }
+        links[id] = link;
     }
 
     void change() {
-        const std::size_t id = below(receiverCount);
-        const std::size_t which = below(2);
-        const std::size_t what = below(8);
-        QELselRcv* const receiver = receivers[id].get();
-        Entries& model = entries[which];
-        const auto first = std::ranges::find(model, id, &Entries::value_type::second);
-        if (what == 0) { // the old one is destroyed
+        const std::size_t id = below(receivers.size());
+        const std::size_t which = below(conditions.size());
+        const auto& [add, remove, selRemove] = conditions[which];
+        const int fd = ends[below(ends.size())].fd();
+        Receiver* const receiver = receivers[id].get();
+        const std::size_t what = below(9);
+        if (what == 0) {
             create(id);
-            for (Entries& either : entries) {
-                std::erase_if(either, [id](const auto& entry) { return entry.second == id; });
+        } else if (what == 1) {
+            EXPECT_TRUE((elsewhere.*add)(receiver, fd));
+            leave(id, &elsewhere);
+        } else if (what < 4) {
+            const auto first = std::ranges::find(entries[which], id, &Entries::value_type::second);
+            if (first != entries[which].end() && (what == 2 || links[id] != nullptr)) {
+                entries[which].erase(first);
             }
-            linked[id] = false;
-        } else if (what < 3) {
-            const bool byReceiver = what == 1;
-            if (byReceiver) {
-                which == 0 ? receiver->selRemoveWrite() : receiver->selRemoveRead();
+            if (what == 2) {
+                (*selector.*remove)(receiver);
             } else {
-                which == 0 ? selector.removeWrite(receiver) : selector.removeRead(receiver);
+                (receiver->*selRemove)();
+                links[id] = nullptr;
             }
-            if (first != model.end() && (linked[id] || !byReceiver)) {
-                model.erase(first);
-            }
-            linked[id] = linked[id] && !byReceiver;
         } else {
-            const std::size_t end = below(ends.size());
-            EXPECT_TRUE(which == 0 ? selector.addWrite(receiver, ends[end].fd())
-                                   : selector.addRead(receiver, ends[end].fd()));
-            model[end] = id;
-            linked[id] = true;
+            EXPECT_TRUE((*selector.*add)(receiver, fd));
+            entries[which][fd] = id;
+            links[id] = selector.get();
         }
     }
 
-    /// The end to be served next, in the group left in `group`.
-    std::optional<std::size_t> next() {
-        for (; group < entries.size(); ++group, snapshot.reset()) {
-            if (!snapshot) {
-                snapshot = entries[group];
+    /// The descriptor to be served next, for the condition left in `group`.
+    std::optional<int> next() {
+        while (!queue.empty() || group < conditions.size()) {
+            if (queue.empty()) {
+                enterGroup(group + 1);
+                continue;
             }
-            while (!snapshot->empty()) {
-                const std::size_t end = snapshot->extract(snapshot->begin()).key();
-                const bool ready = watched[group].contains(end) && (group == 0 || end % 2 == 0);
-                if (ready && entries[group].contains(end)) {
-                    return end;
-                }
+            const int fd = queue.front();
+            queue.pop_front();
+            if (entries[group].contains(fd)) {
+                return fd;
             }
         }
         return std::nullopt;
     }
 
-    bool called(std::size_t id) {
+    void enterGroup(std::size_t entered) {
+        group = entered;
+        if (group < conditions.size()) {
+            for (const auto& [fd, id] : entries[group]) {
+                if (watched[group].contains(fd) && ready[group].contains(fd)) {
+                    queue.push_back(fd);
+                }
+            }
+        }
+    }
+
+    bool called(std::size_t id, std::int64_t now) {
         ++calls;
-        const std::optional<std::size_t> end = next();
-        if (!end) {
+        EXPECT_EQ(now, cycleTime.value_or(now));
+        cycleTime = now;
+        const std::optional<int> fd = next();
+        if (!fd) {
             ADD_FAILURE() << "a call too many";
             return true;
         }
-        EXPECT_EQ(entries[group][*end], id);
+        EXPECT_EQ(entries[group][*fd], id);
         for (std::size_t count = below(3); count > 0; --count) {
             change();
         }
         const bool keep = below(3) > 0;
-        const auto entry = entries[group].find(*end);
+        const auto entry = entries[group].find(*fd);
         if (!keep && entry != entries[group].end()) {
-            linked[entry->second] = false;
+            links[entry->second] = nullptr;
             entries[group].erase(entry);
         }
         return keep;
     }
 
     void cycle() {
+        if (below(20) == 0 || !selector) {
+            std::ranges::replace(links, selector.get(), nullptr);
+            entries = {};
+            selector = std::make_unique<Impatient>();
+        }
         for (std::size_t count = below(4); count > 0; --count) {
             change();
         }
         watched = entries;
-        group = 0;
-        snapshot.reset();
-        ASSERT_EQ(selector.runOnce(), 0);
+        enterGroup(0);
+        const std::int64_t before = QELselector::nowUs();
+        ASSERT_EQ(selector->runOnce(), 0);
         ASSERT_EQ(next(), std::nullopt) << "a ready receiver was not called";
-        for (std::size_t id = 0; id < receiverCount; ++id) {
-            ASSERT_EQ(receivers[id]->selector, linked[id] ? &selector : nullptr);
+        ASSERT_GE(cycleTime.value_or(before), before);
+        cycleTime.reset();
+        for (std::size_t id = 0; id < receivers.size(); ++id) {
+            ASSERT_EQ(receivers[id]->selector, links[id]);
         }
     }
 };
 
-TEST(Dispatch, StaysRightWhileCallbacksRegisterReplaceRemoveAndDestroyReceivers) {
+TEST(Dispatch, StaysRightWhateverBecomesOfReceiversAndDispatchers) {
     constexpr std::size_t cycles = 20'000;
     SideBySide both;
     for (std::size_t i = 0; i < cycles && !testing::Test::HasFailure(); ++i) {
@@ -265,17 +256,11 @@ TEST(Dispatch, StaysRightWhileCallbacksRegisterReplaceRemoveAndDestroyReceivers)
     EXPECT_GT(both.calls, cycles);
 }
 
-TEST_F(Dispatcher, RefusesDescriptorsOutsideTheSetsAndAnyWhenFull) {
-    using Add = bool (QELselector::*)(QELselRcv*, std::int32_t);
-    using Remove = void (QELselector::*)(const QELselRcv*);
-    const std::array<std::pair<Add, Remove>, 3> groups{{
-        {&QELselector::addWrite, &QELselector::removeWrite},
-        {&QELselector::addRead, &QELselector::removeRead},
-        {&QELselector::addExcept, &QELselector::removeExcept},
-    }};
-    for (const auto& [add, remove] : groups) {
-        Receiver receiver(note("", true));
-        Receiver other(note("", true));
+TEST(Dispatch, RefusesDescriptorsOutsideTheSetsAndAnyWhenFull) {
+    for (const auto& [add, remove, selRemove] : conditions) {
+        QELselector selector;
+        Receiver receiver(nullptr);
+        Receiver other(nullptr);
         for (const std::int32_t refused : {-1, INT32_MIN, 1024, INT32_MAX}) {
             EXPECT_FALSE((selector.*add)(&receiver, refused)) << refused;
         }
@@ -292,26 +277,42 @@ TEST_F(Dispatcher, RefusesDescriptorsOutsideTheSetsAndAnyWhenFull) {
 }
 
 TEST(ExitCode, IsTheLastOneOfTheCycleAndLastsForOneCycle) {
-    const End end;
-    end.feed();
-    const std::vector<std::pair<std::int32_t, std::optional<std::int32_t>>> table{
-        {7, {}},     {-1, {}},        {-3146, {}}, {-3147, {}},
-        {-3148, {}}, {INT32_MIN, {}}, {1, 0},      {5, -3146}};
-    for (const auto& [byReceiver, byTimer] : table) {
+    const End end("x");
+    for (const auto& [byReceiver, byTimer] : {std::pair{7, 7},
+                                              {-1, -1},
+                                              {-3146, -3146},
+                                              {-3147, -3147},
+                                              {-3148, -3148},
+                                              {1, 0},
+                                              {5, -3146}}) {
         Impatient selector;
         Receiver receiver([&, code = byReceiver](auto) { return receiver.selExit(code), false; });
-        Timer timer([&, code = byTimer](auto) { return timer.selExit(*code), 0; });
+        Timer timer([&, code = byTimer](auto) { return timer.selExit(code), 0; });
         selector.addRead(&receiver, end.fd());
-        if (byTimer) {
-            selector.setTimer(&timer, longAgo);
-        }
+        selector.setTimer(&timer, byTimer == byReceiver ? 0 : longAgo);
         selector.setExitCode(99); // between cycles: lost
-        EXPECT_EQ(selector.runOnce(), byTimer.value_or(byReceiver));
+        EXPECT_EQ(selector.runOnce(), byTimer);
         EXPECT_EQ(selector.runOnce(), 0) << byReceiver << " outlived its cycle";
     }
 }
 
-TEST_F(Dispatcher, FailsOnASignalAndKeepsRegistrationsAndTimers) {
+struct Dispatcher : testing::Test {
+    std::vector<std::string> log;
+    QELselector selector;
+
+    /// An action that notes its call.
+    auto note(const char* name, std::uint64_t result = 0) {
+        return [this, name, result](auto) {
+            log.emplace_back(name);
+            return result;
+        };
+    }
+};
+
+TEST_F(Dispatcher, AFailedCycleCallsNobodyAndForgetsNothing) {
+    const End end;
+    Receiver receiver(note("receiver", true));
+    Timer timer(note("timer"));
     struct sigaction handler {};
     handler.sa_handler = [](int) {
     };
@@ -319,9 +320,6 @@ TEST_F(Dispatcher, FailsOnASignalAndKeepsRegistrationsAndTimers) {
     // Repeated, so that one arrives during the wait however slow the machine is.
     itimerval interval{{0, 10'000}, {0, 10'000}};
     ASSERT_EQ(setitimer(ITIMER_REAL, &interval, nullptr), 0);
-    const End end;
-    Receiver receiver(note("receiver", true));
-    Timer timer(note("timer", 0));
     for (int i = 0; i < 2; ++i) { // first with nothing to wait for
         errno = 0;
         EXPECT_EQ(selector.runOnce(), -3148);
@@ -331,36 +329,26 @@ TEST_F(Dispatcher, FailsOnASignalAndKeepsRegistrationsAndTimers) {
     }
     interval = {};
     ASSERT_EQ(setitimer(ITIMER_REAL, &interval, nullptr), 0);
-    end.feed();
-    EXPECT_EQ(selector.runOnce(), 0);
-    EXPECT_THAT(log, ElementsAre("receiver"));
     EXPECT_TRUE(timer.armed);
-}
 
-TEST_F(Dispatcher, FailsOnAClosedDescriptorBeforeAnyCallback) {
-    std::optional<End> closed(std::in_place);
-    const End open;
     Receiver gone(note("gone", true));
-    Receiver receiver(note("receiver", true));
-    Timer timer(note("timer", 0));
-    selector.addWrite(&gone, closed->fd());
-    selector.addWrite(&receiver, open.fd());
-    selector.setTimer(&timer, longAgo);
-    closed.reset();
+    selector.addWrite(&gone, End().fd());
+    end.feed("x");
+    timer.setDeadline(longAgo);
     EXPECT_EQ(selector.runOnce(), -3148);
     EXPECT_EQ(errno, EBADF);
+    EXPECT_THAT(log, ElementsAre());
     gone.selRemoveWrite();
     EXPECT_EQ(selector.runOnce(), 0);
     EXPECT_THAT(log, ElementsAre("receiver", "timer"));
 }
 
-TEST_F(Dispatcher, FiresTimersAtTheirDeadlineAndNotBefore) {
-    const End quiet;
-    Receiver receiver(note("receiver", true));
-    Timer far(note("far", 0));
-    Timer soon(note("soon", 0));
-    Timer exact(note("exact", 0));
-    Timer cancelled(note("cancelled", 0));
+TEST_F(Dispatcher, FiresTimersAtTheirDeadlineAndInListOrder) {
+    Timer far(note("far"));
+    Timer soon(note("soon"));
+    Timer exact(note("exact"));
+    Timer cancelled(note("cancelled"));
+    Timer late(note("late"));
     Timer first([&](std::int64_t now) {
         cancelled.cancel();
         // The list that is being walked grows.
@@ -368,14 +356,14 @@ TEST_F(Dispatcher, FiresTimersAtTheirDeadlineAndNotBefore) {
         selector.setTimer(&exact, static_cast<std::uint64_t>(now));
         return 0;
     });
-    selector.addRead(&receiver, quiet.fd());
     selector.setTimer(&far, never);
+    selector.setTimer(&late, longAgo + 1);
     selector.setTimer(&first, longAgo);
     selector.setTimer(&cancelled, longAgo);
     ASSERT_EQ(selector.runOnce(), 0);
-    EXPECT_THAT(log, ElementsAre("exact"));
+    EXPECT_THAT(log, ElementsAre("late", "exact"));
     ASSERT_EQ(selector.runOnce(), 0);
-    EXPECT_THAT(log, ElementsAre("exact", "soon"));
+    EXPECT_THAT(log, ElementsAre("late", "exact", "soon"));
 
     // The disarmed and cancelled do not shorten the wait. It is more than a second, so that both
     // parts of the timeout count.
@@ -386,8 +374,8 @@ TEST_F(Dispatcher, FiresTimersAtTheirDeadlineAndNotBefore) {
     const std::int64_t before = QELselector::nowUs();
     ASSERT_TRUE(exact.setTimeout(delay));
     ASSERT_EQ(selector.runOnce(), 0);
-    EXPECT_THAT(log, ElementsAre("exact", "soon", "exact"));
-    EXPECT_GE(times.back(), before + delay);
+    EXPECT_EQ(log.back(), "exact");
+    EXPECT_GE(QELselector::nowUs(), before + delay);
 }
 
 TEST(Timers, WhatACallbackDoesToItsOwnTimerHolds) {
@@ -434,50 +422,25 @@ TEST(Timers, WhatACallbackDoesToItsOwnTimerHolds) {
     }
 }
 
-TEST(Lifetime, ReceiverTimerAndDispatcherMayGoInAnyOrder) {
-    enum Variant { registered, linkWithoutEntry, entryWithoutLink, movedAway, cameBack };
-    const End end;
-    Receiver other([](auto) { return true; });
+TEST(Timers, MayMoveAndGoBeforeOrAfterTheirDispatchers) {
     Impatient elsewhere;
-    for (const auto variant :
-         {registered, linkWithoutEntry, entryWithoutLink, movedAway, cameBack}) {
-        std::array<int, 3> order{0, 1, 2};
-        do {
-            SCOPED_TRACE(std::to_string(variant) + testing::PrintToString(order));
+    for (const bool moved : {false, true}) {
+        for (const bool timerFirst : {false, true}) {
             auto selector = std::make_unique<Impatient>();
-            auto receiver = std::make_unique<Receiver>([](auto) { return true; });
             auto timer = std::make_unique<Timer>([](auto) { return longAgo; });
-            const auto putOn = [&](QELselector& dispatcher) {
-                dispatcher.addWrite(receiver.get(), end.fd());
-                dispatcher.setTimer(timer.get(), longAgo);
-            };
-            putOn(*selector);
-            if (variant == linkWithoutEntry) {
-                selector->addWrite(&other, end.fd());
-            } else if (variant == entryWithoutLink) {
-                receiver->selRemoveRead();
-            } else if (variant != registered) {
-                putOn(elsewhere);
+            selector->setTimer(timer.get(), longAgo);
+            if (moved) {
+                elsewhere.setTimer(timer.get(), longAgo);
             }
-            if (variant == cameBack) {
-                putOn(*selector);
+            if (timerFirst) {
+                timer.reset();
+                EXPECT_EQ(selector->runOnce(), 0);
+            } else {
+                selector.reset();
+                EXPECT_EQ(timer->selector, moved ? &elsewhere : nullptr);
             }
-            for (const int victim : order) {
-                if (victim == 0) {
-                    selector.reset();
-                    QELselector* const left = variant == movedAway ? &elsewhere : nullptr;
-                    EXPECT_TRUE(!receiver || receiver->selector == left);
-                    EXPECT_TRUE(!timer || timer->selector == left);
-                } else if (victim == 1) {
-                    receiver.reset();
-                } else {
-                    timer.reset();
-                }
-                // Whoever is still called must still be there.
-                EXPECT_EQ(selector ? selector->runOnce() : 0, 0);
-                EXPECT_EQ(elsewhere.runOnce(), 0);
-            }
-        } while (std::ranges::next_permutation(order).found);
+            EXPECT_EQ(elsewhere.runOnce(), 0);
+        }
     }
 }
 

@@ -251,6 +251,7 @@ TEST(Duration, SpanLeavesOutYearsAndMonthsAndWrapsAround) {
     EXPECT_EQ(durationMicros(duration), 1'000'000);
     EXPECT_EQ(durationMicros({.days = ~std::uint64_t{0}, .microseconds = 2}), 2 - microsPerDay);
     EXPECT_EQ(formatDuration(duration, nullptr), "");
+    EXPECT_EQ(formatDuration(duration, "cut short: %"), "");
     clearDuration(duration);
     EXPECT_EQ(duration, QELduration{});
 }
