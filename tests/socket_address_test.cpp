@@ -11,214 +11,158 @@
 #include <array>
 #include <cstring>
 #include <memory>
-#include <optional>
 #include <random>
 #include <regex>
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace {
 
-struct Endpoint {
-    uint32_t addr;
-    int32_t port; // -1: none in the text
-    bool operator==(const Endpoint&) const = default;
-};
-
-std::optional<Endpoint> parsed(const std::string& text) {
-    constexpr uint32_t unsetAddr = 0xDEADBEEF;
-    uint32_t addr = unsetAddr;
+// What QELsockaddr4::parse() reads, as plain text.
+std::string parsed(const std::string& text) {
+    uint32_t addr = 0xDEADBEEF;
     int32_t port = -1;
     if (QELsockaddr4::parse(text, addr, port)) {
-        return Endpoint{addr, port};
+        return std::to_string(addr) + ":" + std::to_string(port);
     }
-    EXPECT_EQ(addr, unsetAddr) << text;
-    EXPECT_EQ(port, -1) << text;
-    return {};
+    EXPECT_TRUE(addr == 0xDEADBEEF && port == -1) << "refused, but changed: " << text;
+    return "refused";
 }
 
-// What the grammar says, by means of a regular expression.
-std::optional<Endpoint> parsedByGrammar(const std::string& text) {
-    static const std::regex grammar(R"(\s*([+-]?)0*(\d+)\.\s*([+-]?)0*(\d+)\.\s*([+-]?)0*(\d+)\.)"
-                                    R"(\s*([+-]?)0*(\d+)(?::\s*([+-]?)0*(\d+))?)");
+// The same by the grammar, without negative numbers.
+std::string parsedByGrammar(const std::string& text) {
+    static const std::string start = R"(\s*\+?0*)";
+    static const std::string number = start + R"((25[0-5]|2[0-4]\d|1?\d?\d))";
+    static const std::regex grammar(
+        number + R"(\.)" + number + R"(\.)" + number + R"(\.)" + number + "(?::" + start +
+        R"((6553[0-5]|655[0-2]\d|65[0-4]\d\d|6[0-4]\d{3}|[1-5]?\d{1,4}))?)");
     std::smatch match;
     if (!std::regex_match(text, match, grammar)) {
-        return {};
+        return "refused";
     }
-    Endpoint result{0, -1};
-    for (size_t i = 1; i < match.size() && match[i + 1].matched; i += 2) {
-        const bool isPort = i == 9;
-        const std::string digits = match[i + 1];
-        const unsigned long value = digits.size() > 9 ? 999999999 : std::stoul(digits);
-        if (value > (isPort ? 65535 : 255) || (match[i] == "-" && value != 0)) {
-            return {};
-        }
-        if (isPort) {
-            result.port = static_cast<int32_t>(value);
-        } else {
-            result.addr = result.addr * 256 + static_cast<uint32_t>(value);
-        }
+    uint32_t addr = 0;
+    for (size_t i = 1; i <= 4; ++i) {
+        addr = addr * 256 + static_cast<uint32_t>(std::stoul(match[i]));
     }
-    return result;
+    return std::to_string(addr) + ":" +
+           (match[5].matched ? std::to_string(std::stoul(match[5])) : "-1");
 }
 
 TEST(SocketAddress4, ReadsExactlyTheTextsOfItsGrammar) {
-    const std::vector<std::pair<std::string, Endpoint>> table = {
-        {"192.168.1.10", {0xC0A8010A, -1}},
-        {"192.168.1.10:50000", {0xC0A8010A, 50000}},
-        {"192.168.1.10:+80", {0xC0A8010A, 80}},
-        {" 1.2.3.4", {0x01020304, -1}},
-        {"01.002.3.4: 065535", {0x01020304, 65535}},
-        {std::string("1.2.3.4\0.5", 10), {0x01020304, -1}},
-    };
-    for (const auto& [text, expected] : table) {
-        EXPECT_EQ(parsed(text), expected) << text;
-    }
     for (const char* text :
-         {"", "1.2.3", "1.2.3.", "1.2.3.4.", "1.2.3.4 ", "1.2.3.4:", "1.2.3.4:80x", "1.2.3.4:65536",
+         {"192.168.1.10", "192.168.1.10:+80", " 1.2.3.4", "01.002.3.4: 065535", "", "1.2.3",
+          "1.2.3.", "1.2.3.4.", "1.2.3.4 ", "1.2.3.4:", "1.2.3.4:80x", "1.2.3.4:65536",
           "1.2.3.4:-1", "256.1.1.1", "-1.2.3.4", "1.2.3.99999999999999999999",
           "-99999999999999999999.2.3.4", "1.2.3.4:18446744073709551617"}) {
-        EXPECT_EQ(parsed(text), std::nullopt) << text;
+        EXPECT_EQ(parsed(text), parsedByGrammar(text)) << text;
     }
-
-    // Texts near valid ones, against the grammar.
-    constexpr std::string_view alphabet = "0123456789.:+- \t9x";
+    // Texts near valid ones.
+    constexpr std::string_view alphabet = "0123456789.:+ \t9x";
     std::mt19937 random(1);
-    int accepted = 0;
-    for (int i = 0; i < 20000; ++i) {
+    int refused = 0;
+    for (int i = 0; i < 20'000; ++i) {
         std::string text = i % 2 == 0 ? "10.0.255.7" : "1.25.3.4:5000";
         for (auto edits = random() % 4; edits > 0; --edits) {
             const auto at = random() % text.size();
-            const char symbol = alphabet[random() % alphabet.size()];
-            text.replace(at, random() % 2, random() % 3, symbol);
+            text.replace(at, random() % 2, random() % 3, alphabet[random() % alphabet.size()]);
         }
-        const auto expected = parsedByGrammar(text);
-        ASSERT_EQ(parsed(text), expected) << '"' << text << '"';
-        accepted += expected ? 1 : 0;
+        ASSERT_EQ(parsed(text), parsedByGrammar(text)) << '"' << text << '"';
+        refused += parsed(text) == "refused" ? 1 : 0;
     }
-    EXPECT_GT(accepted, 5000);
+    EXPECT_TRUE(refused > 5'000 && refused < 15'000) << refused;
 }
 
 TEST(SocketAddress4, TextFormIsTheSystemsAndReadsBack) {
     std::mt19937 random(2);
-    for (int i = 0; i < 50000; ++i) {
-        const QELsockaddr4 address(static_cast<uint32_t>(random()),
-                                   static_cast<uint16_t>(random()));
+    for (int i = 0; i < 20'000; ++i) {
+        const QELsockaddr4 address(i == 0 ? UINT32_MAX : static_cast<uint32_t>(random()),
+                                   i == 0 ? UINT16_MAX : static_cast<uint16_t>(random()));
         std::array<char, INET_ADDRSTRLEN> dotted{};
         const in_addr raw{htonl(address.addr())};
         inet_ntop(AF_INET, &raw, dotted.data(), dotted.size());
-        const std::string full = std::string(dotted.data()) + ":" + std::to_string(address.port());
         ASSERT_EQ(address.toString(false), dotted.data());
-        ASSERT_EQ(address.toString(true), full);
-        ASSERT_EQ(parsed(full), (Endpoint{address.addr(), address.port()}));
+        ASSERT_EQ(address.toString(true), dotted.data() + (":" + std::to_string(address.port())));
+        ASSERT_EQ(parsed(address.toString(true)),
+                  std::to_string(address.addr()) + ":" + std::to_string(address.port()));
     }
-    std::array<char, QELsockaddr4::textSize> longest{};
-    QELsockaddr4(0xFFFFFFFF, 65535).toText(true, longest.data());
-    EXPECT_STREQ(longest.data(), "255.255.255.255:65535");
-    QELsockaddr4::format(0x0A000005, 65536, longest.data());
-    EXPECT_STREQ(longest.data(), "10.0.0.5");
+    std::array<char, QELsockaddr4::textSize> text{};
+    QELsockaddr4::format(0x0A000005, 65536, text.data());
+    EXPECT_STREQ(text.data(), "10.0.0.5");
     QELsockaddr4::format(0, 0, nullptr);
 }
 
 TEST(SocketAddress4, DefaultPortFillsInOnlyForAPortThatTheTextLacks) {
-    struct Row {
-        const char* text;
-        int32_t defaultPort;
-        const char* expected; // null: the text is refused
-    };
-    const std::vector<Row> table = {{"10.0.0.1", 50000, "10.0.0.1:50000"},
-                                    {"10.0.0.1", -1, "10.0.0.1:0"},
-                                    {"10.0.0.1", 0, "10.0.0.1:0"},
-                                    {"10.0.0.1:7", 50000, "10.0.0.1:7"},
-                                    {"10.0.0.1:7", -1, "10.0.0.1:7"},
-                                    {"10.0.0.1:0", 50000, "10.0.0.1:0"},
-                                    {"10.0.0", 50000, nullptr}};
-    for (const auto& row : table) {
+    // The address left, and the one left in a generic address, which keeps what it had.
+    for (const auto& [text, defaultPort, expected, generic] :
+         {std::tuple{"10.0.0.1", 50000, "10.0.0.1:50000", "10.0.0.1:50000"},
+          {"10.0.0.1", -1, "10.0.0.1:0", "10.0.0.1:0"},
+          {"10.0.0.1:0", 50000, "10.0.0.1:0", "10.0.0.1:0"},
+          {"10.0.0", 50000, "0.0.0.0:0", "1.2.3.4:5"}}) {
         QELsockaddr4 address(0x01020304, 5);
-        QELsockaddr generic;
-        generic.set(address);
-        const bool accepted = row.expected != nullptr;
-        EXPECT_EQ(address.set(row.text, row.defaultPort), accepted);
-        EXPECT_EQ(generic.set(row.text, row.defaultPort), accepted);
-        EXPECT_EQ(address.toString(true), accepted ? row.expected : "0.0.0.0:0");
-        EXPECT_EQ(generic.toString(true), accepted ? row.expected : "1.2.3.4:5");
-        EXPECT_EQ(generic.saLen(), sizeof(sockaddr_in));
+        QELsockaddr other;
+        other.set(address);
+        EXPECT_EQ(address.set(text, defaultPort), other.set(text, defaultPort));
+        EXPECT_EQ(address.toString(true), expected);
+        EXPECT_EQ(other.toString(true), generic);
+        EXPECT_EQ(other.saLen(), sizeof(sockaddr_in));
     }
 }
 
 TEST(SocketAddress4, PrivateNetworksEndAtTheirBounds) {
-    for (const auto& [first, last] : {std::pair<uint32_t, uint32_t>{0x0A000000, 0x0AFFFFFF},
-                                      {0xAC100000, 0xAC1FFFFF},
-                                      {0xC0A80000, 0xC0A8FFFF},
-                                      {0xA9FE0000, 0xA9FEFFFF},
-                                      {0x7F000000, 0x7FFFFFFF}}) {
-        EXPECT_FALSE(QELsockaddr4::isPrivate(first - 1)) << std::hex << first;
-        EXPECT_TRUE(QELsockaddr4::isPrivate(first)) << std::hex << first;
-        EXPECT_TRUE(QELsockaddr4::isPrivate(last)) << std::hex << last;
-        EXPECT_FALSE(QELsockaddr4::isPrivate(last + 1)) << std::hex << last;
+    for (const auto& [first, last] : {std::pair{0x0A000000U, 0x0AFFFFFFU},
+                                      {0xAC100000U, 0xAC1FFFFFU},
+                                      {0xC0A80000U, 0xC0A8FFFFU},
+                                      {0xA9FE0000U, 0xA9FEFFFFU},
+                                      {0x7F000000U, 0x7FFFFFFFU}}) {
+        EXPECT_TRUE(QELsockaddr4::isPrivate(first) && QELsockaddr4::isPrivate(last)) << first;
+        EXPECT_FALSE(QELsockaddr4::isPrivate(first - 1) || QELsockaddr4::isPrivate(last + 1))
+            << first;
     }
 }
 
 TEST(SocketAddressUnix, LengthAndTextSurviveARawCopyAndTheSystem) {
-    std::string directory = testing::TempDir() + "hvXXXXXX";
-    ASSERT_NE(mkdtemp(directory.data()), nullptr);
-    const std::string file = directory + "/s";
+    const std::string file = testing::TempDir() + "hv" + std::to_string(getpid());
     const std::string name = "*hvlogger-test-" + std::to_string(getpid());
     const std::string longName = name + std::string(200, 'n');
-    struct Row {
-        std::string path;
-        size_t len;
-        std::string text;
-        bool bindable;
-    };
-    const std::vector<Row> table = {
-        {"", 0, "", false},
-        {"/", 4, "/", false},
-        {"/dev/log", 11, "/dev/log", false},
-        {"*name", 8, "*name", false},
-        {std::string(200, 'p'), 110, std::string(107, 'p'), false},
-        {std::string(107, 'p'), 110, std::string(107, 'p'), false},
-        {std::string(106, 'p'), 109, std::string(106, 'p'), false},
-        {file, file.size() + 3, file, true},
-        {name, name.size() + 3, name, true},
-        {longName, 110, longName.substr(0, 107), true},
-    };
-    for (const auto& row : table) {
+    for (const auto& [path, length, text] :
+         {std::tuple<std::string, size_t, std::string>{"", 0, ""},
+          {"/", 4, "/"},
+          {std::string(106, 'p'), 109, std::string(106, 'p')},
+          {std::string(107, 'p'), 110, std::string(107, 'p')},
+          {std::string(200, 'p'), 110, std::string(107, 'p')},
+          {file, file.size() + 3, file},
+          {name, name.size() + 3, name},
+          {longName, 110, longName.substr(0, 107)}}) {
         QELsockaddrUNX address;
         address.set("/before");
-        address.set(row.path.c_str());
+        address.set(path.c_str());
         QELsockaddrUNX copy;
         EXPECT_TRUE(copy.set(*address.sa()));
-        QELsockaddr generic;
-        generic.set(address);
-        for (const QELsocka* each :
-             std::initializer_list<const QELsocka*>{&address, &copy, &generic}) {
-            EXPECT_EQ(each->saLen(), row.len) << row.path;
-            // A generic address of length 0 holds no family either.
-            EXPECT_EQ(each->toString(true),
-                      row.len == 0 && each == &generic ? "Unknown_address" : row.text);
-        }
-        if (row.bindable) {
+        EXPECT_EQ(address.toString(), text);
+        EXPECT_EQ(copy.toString(), text);
+        EXPECT_EQ(address.saLen(), length) << path;
+        EXPECT_EQ(copy.saLen(), length) << path;
+        if (path == file || path.starts_with('*')) {
             const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-            EXPECT_EQ(bind(fd, address.sa(), address.saLen()), 0) << row.path;
+            EXPECT_EQ(bind(fd, address.sa(), address.saLen()), 0) << path;
             sockaddr_storage raw{};
             socklen_t rawLen = sizeof raw;
             EXPECT_EQ(getsockname(fd, reinterpret_cast<sockaddr*>(&raw), &rawLen), 0);
-            EXPECT_EQ(rawLen, address.saLen());
-            EXPECT_EQ(std::memcmp(&raw, address.sa(), rawLen), 0);
             close(fd);
+            QELsockaddr bound;
+            bound.set(raw, rawLen);
+            EXPECT_EQ(bound.saLen(), length);
+            EXPECT_EQ(bound.toString(true), text);
         }
     }
     unlink(file.c_str());
-    rmdir(directory.c_str());
-
     QELsockaddrUNX address;
     address.set("*"); // an abstract name without characters: only its length tells
     EXPECT_EQ(address.saLen(), 4U);
     EXPECT_EQ(address.toString(), "*");
     address.set(nullptr);
     EXPECT_EQ(address.saLen(), 0U);
-    EXPECT_EQ(address.toString(), "");
 }
 
 TEST(SocketAddressUnix, UnterminatedPathIsNotReadBeyondItsEnd) {
@@ -233,7 +177,6 @@ TEST(SocketAddressUnix, UnterminatedPathIsNotReadBeyondItsEnd) {
         EXPECT_EQ(address.saLen(), sizeof(sockaddr_un));
         EXPECT_EQ(address.toString(), (first == 'p' ? "p" : "*") + std::string(107, 'p'));
         EXPECT_EQ(QELsockaddrUNX::compare(*raw, *twin), 0);
-        EXPECT_EQ(address.compare(address), 0);
     }
 }
 
@@ -252,14 +195,12 @@ TEST(SocketAddress, OrderIsTotalOverAllKinds) {
     sockaddr_storage other{};
     other.ss_family = AF_INET6;
     sample.emplace_back().set(other);
-
-    const auto sign = [](auto value) {
-        return (value > 0 ? 1 : 0) - (value < 0 ? 1 : 0);
-    };
     for (size_t i = 0; i < sample.size(); ++i) {
         for (size_t j = 0; j < sample.size(); ++j) {
-            EXPECT_EQ(sign(sample[i].compare(sample[j])),
-                      sign(static_cast<int>(i) - static_cast<int>(j)))
+            const int order = sample[i].compare(sample[j]);
+            EXPECT_TRUE(i < j   ? order < 0
+                        : i > j ? order > 0
+                                : order == 0)
                 << sample[i].toString(true) << " and " << sample[j].toString(true);
         }
     }
@@ -267,10 +208,9 @@ TEST(SocketAddress, OrderIsTotalOverAllKinds) {
     QELsockaddr last;
     last.set(other);
     EXPECT_EQ(sample.back().compare(last), 0);
-    EXPECT_EQ(QELsockaddr4(1, 2).compare(QELsockaddr4(1, 2)), 0);
 }
 
-TEST(SocketAddress, GenericAddressTakesAnyOtherAndNoMoreThanFits) {
+TEST(SocketAddress, TakesAnyOtherAndNoMoreThanFits) {
     struct Huge final : QELsocka {
         [[nodiscard]] const sockaddr* sa() const override {
             return reinterpret_cast<const sockaddr*>(bytes.data());
@@ -285,6 +225,9 @@ TEST(SocketAddress, GenericAddressTakesAnyOtherAndNoMoreThanFits) {
     address.set(huge);
     EXPECT_EQ(address.saLen(), sizeof(sockaddr_storage));
     EXPECT_EQ(std::memcmp(address.sa(), huge.sa(), address.saLen()), 0);
+    address.set(sockaddr_storage{}, 1000);
+    EXPECT_EQ(address.saLen(), sizeof(sockaddr_storage));
+    address.set(huge);
 
     const QELsockaddr4 loopback = QELsockaddr4::loopback(80);
     address.set(*reinterpret_cast<const sockaddr_in*>(loopback.sa()));
@@ -305,15 +248,13 @@ TEST(SocketAddress, GenericAddressTakesAnyOtherAndNoMoreThanFits) {
 TEST(SocketAddress, RawAddressOfAnotherFamilyClearsTheTarget) {
     QELsockaddrUNX path;
     path.set("/dev/log");
-    QELsockaddr4 address(0x0A000005, 50000);
-    QELsockaddr4 copy;
-    EXPECT_TRUE(copy.set(*address.sa()));
-    EXPECT_EQ(copy.toString(true), "10.0.0.5:50000");
-    EXPECT_FALSE(copy.set(*path.sa()));
-    EXPECT_EQ(copy.compare(QELsockaddr4::any(0)), 0);
+    QELsockaddr4 address;
+    EXPECT_TRUE(address.set(*QELsockaddr4(0x0A000005, 50000).sa()));
+    EXPECT_EQ(address.toString(true), "10.0.0.5:50000");
     EXPECT_FALSE(path.set(*address.sa()));
-    EXPECT_EQ(path.family(), AF_UNIX);
     EXPECT_EQ(path.saLen(), 0U);
+    EXPECT_FALSE(address.set(*path.sa()));
+    EXPECT_EQ(address.compare(QELsockaddr4::any(0)), 0);
 }
 
 } // namespace
