@@ -25,7 +25,7 @@ AWAY = 3000  # lines of a device meanwhile: more than its queue holds in memory
 IN_MEMORY = 1200  # lines that are on no disk: the queue's, those since the checkpoint, one batch
 
 MACHINE = """set -eu
-echo "$1" >/proc/sys/kernel/hostname
+hostname "$1"
 echo 10000 >/proc/sys/net/unix/max_dgram_qlen # a slow test machine is not to skip lines
 ip link set lo up
 mount -t tmpfs tmpfs /run
