@@ -1,7 +1,20 @@
-# The support library as a package for other projects: headers, static libraries, a CMake package
-# and a pkg-config file. All of it finds its parts from where it lies, so it can be moved.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
+
+# The program with its manual, its service, and the documents for those who run it.
+set(CMAKE_INSTALL_DEFAULT_COMPONENT_NAME program)
+install(TARGETS hvlogger RUNTIME)
+install(CODE "file(ARCHIVE_CREATE OUTPUT \"${CMAKE_CURRENT_BINARY_DIR}/hvlogger.1.gz\"
+  PATHS \"${CMAKE_CURRENT_SOURCE_DIR}/docs/hvlogger.1\" FORMAT raw COMPRESSION GZip)")
+install(FILES ${CMAKE_CURRENT_BINARY_DIR}/hvlogger.1.gz DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+install(FILES packaging/hvlogger.service DESTINATION lib/systemd/system)
+install(FILES packaging/60-hvlogger.conf TYPE DOC)
+install(DIRECTORY docs examples TYPE DOC FILES_MATCHING
+  PATTERN "*.md" PATTERN "*.conf" PATTERN "*.py" PATTERN "*.cpp" PATTERN architecture.md EXCLUDE)
+
+# The support library as a package for other projects: headers, static libraries, a CMake package
+# and a pkg-config file. All of it finds its parts from where it lies, so it can be moved.
+set(CMAKE_INSTALL_DEFAULT_COMPONENT_NAME development)
 
 foreach(part mediator selector socket time logger)
   set_target_properties(qel${part} PROPERTIES EXPORT_NAME ${part})

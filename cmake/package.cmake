@@ -1,0 +1,29 @@
+# `cpack` makes two Debian packages: hvlogger, the program, and libhvlogger-dev, the support library.
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_STRIP_FILES ON)
+set(CPACK_COMPONENTS_ALL program development)
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_MAINTAINER "hvlogger developers <hvlogger@localhost>")
+
+set(CPACK_DEBIAN_PROGRAM_PACKAGE_NAME hvlogger)
+set(CPACK_DEBIAN_PROGRAM_PACKAGE_SECTION admin)
+set(CPACK_DEBIAN_PROGRAM_DESCRIPTION "collector and viewer of a networked device's log lines
+ The server takes syslog lines as UDP datagrams, keeps the newest in memory,
+ passes each on to the local system log, and serves one viewer over TCP. The
+ viewer shows them on a terminal, filtered by single keys.")
+set(CPACK_DEBIAN_PROGRAM_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PROGRAM_PACKAGE_DEPENDS gzip) # compresses the dump
+set(CPACK_DEBIAN_PROGRAM_PACKAGE_SUGGESTS "rsyslog, rsyslog-relp")
+set(CPACK_DEBIAN_PROGRAM_PACKAGE_CONTROL_EXTRA
+  ${PROJECT_SOURCE_DIR}/packaging/postinst ${PROJECT_SOURCE_DIR}/packaging/prerm)
+
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libhvlogger-dev)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION "event loop, sockets, logging and time for C++20 processes
+ Headers and static libraries of hvlogger's support library, with a CMake
+ package and a pkg-config file.")
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "libc6-dev, libstdc++-dev")
+
+include(CPack)
