@@ -5,22 +5,25 @@
 The log lines carry fixed times, so the picture changes only with the program or with this script.
 """
 
+import contextlib
 import pathlib
 import sys
 import xml.sax.saxutils
 
 sys.path.insert(0, str(pathlib.Path(__file__).parent.parent / "tests" / "e2e"))
-from harness import DEADLINE, Server, Viewer, await_true, send_datagrams  # noqa: E402
+from harness import DEADLINE, MARKER, Server, Viewer, await_true, send_datagrams  # noqa: E402
 
-# (seconds after 10:20, program, process id, severity, text), logged while the viewer shows everything
-# and while it shows warnings and worse only.
-EVERYTHING = [
+# (seconds after 10:20, program, process id, severity, text), in three parts: stored before the viewer
+# comes, logged while it shows everything, and logged while it shows warnings and worse.
+STORED = [
     (31.004, "router", 388, 6, "Crosspoint 12 connected to 239.10.0.4:5004"),
     (31.118, "sap", 397, 7, "Announcement of 239.10.0.4 in 214 bytes"),
     (33.427, "sip", 412, 6, "INVITE from 10.0.0.17, call 7f3a91"),
     (33.431, "sip", 412, 7, "Codec L24/48000/2 chosen of 3 offered"),
     (33.902, "sip", 412, 6, "Call 7f3a91 set up in 475 ms"),
     (35.250, "nmos", 403, 5, "Registered with 10.0.0.2:8010"),
+]
+LIVE = [
     (38.771, "nmos", 403, 7, "Heartbeat answered in 3 ms"),
     (40.016, "router", 388, 4, "Stream 239.10.0.4:5004 late by 412 us"),
     (40.519, "router", 388, 3, "Stream 239.10.0.4:5004 lost"),
@@ -41,7 +44,12 @@ def log(lines):
 
 def run_viewer():
     """Rows of the screen, and the keys that were pressed: key by number of the row it brought."""
-    with Server(), Viewer() as viewer:
+    with contextlib.ExitStack() as stack:
+        server = stack.enter_context(Server())
+        log(STORED)
+        send_datagrams(MARKER)
+        server.dump()
+        viewer = stack.enter_context(Viewer())
         keys = {}
 
         def await_text(text):
@@ -57,9 +65,9 @@ def run_viewer():
             await_text(last)
             viewer.screen = before + viewer.screen
 
-        await_text("all messages\n\r")
-        log(EVERYTHING)
-        await_text(EVERYTHING[-1][-1] + "\r\n")
+        await_text(STORED[-1][-1] + "\r\n")
+        log(LIVE)
+        await_text(LIVE[-1][-1] + "\r\n")
         press("4", "up to: 4\r\n")
         log(WARNINGS)
         await_text(WARNINGS[-1][-1] + "\r\n")

@@ -113,10 +113,23 @@ class Documents(TestCase):
                     self.assertRegex(server.dump(), rb"^<1[0-5]>1 \d{4}-\d\d-\d\dT[^ ]+ [^ ]+ sip \d+ [^ ]* ?- Call")
                 with_local_log(run)
 
-    def test_the_cpp_lines_are_those_of_the_example(self):
-        lines = fenced("README.md", "cpp")[0].strip().split("\n")
+    def test_the_cpp_lines_compile_and_are_those_of_the_example(self):
+        lines = fenced("README.md", "cpp")[0]
         example = text_of("examples/producer.cpp")
-        self.assertEqual([line for line in lines[:5] if f"    {line}\n" not in example], [])
+        self.assertEqual([line for line in lines.split("\n")[:5] if f"    {line}\n" not in example], [])
+        if shutil.which("c++") is None:
+            self.skipTest("no c++")
+        includes = "".join(re.findall(r'#include "QEL.*\n', example))
+        around = includes + "constexpr int collectorPort = 50000; std::string hostName(); void f(std::string_view name) {"
+        folders = [f"-I{TOP}/lib/{room}" for room in ("logger", "socket", "time")]
+        subprocess.run(["c++", "-std=c++20", "-fsyntax-only", *folders, "-x", "c++", "-"], check=True,
+                       input=around + lines + "}", text=True)
+
+    def test_settings_are_those_of_the_unit(self):
+        unit = text_of("packaging/hvlogger.service").split("\n")
+        settings = re.findall(r"`([A-Z]\w+=[\w-]+)`", text_of("docs/security.md"))
+        self.assertGreater(len(settings), 3)
+        self.assertEqual([setting for setting in settings if setting not in unit], [])
 
     def test_commands_and_files_for_other_programs_are_well_formed(self):
         rules, = fenced("docs/security.md", "nft")
