@@ -6,15 +6,21 @@ set(CPACK_COMPONENTS_ALL program development)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_MAINTAINER "hvlogger developers <hvlogger@localhost>")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "") # each package has its own
 
 set(CPACK_DEBIAN_PROGRAM_PACKAGE_NAME hvlogger)
 set(CPACK_DEBIAN_PROGRAM_PACKAGE_SECTION admin)
 set(CPACK_DEBIAN_PROGRAM_DESCRIPTION "collector and viewer of a networked device's log lines
- The server takes syslog lines as UDP datagrams, keeps the newest in memory,
- passes each on to the local system log, and serves one viewer over TCP. The
- viewer shows them on a terminal, filtered by single keys.")
-set(CPACK_DEBIAN_PROGRAM_PACKAGE_SHLIBDEPS ON)
+The server takes syslog lines as UDP datagrams, keeps the newest in memory,
+passes each on to the local system log, and serves one viewer over TCP. The
+viewer shows them on a terminal, filtered by single keys.")
 set(CPACK_DEBIAN_PROGRAM_PACKAGE_DEPENDS gzip) # compresses the dump
+if(CMAKE_CROSSCOMPILING)
+  # Debian's cross compilers bring libraries that dpkg knows under other names only.
+  string(APPEND CPACK_DEBIAN_PROGRAM_PACKAGE_DEPENDS ", libc6 (>= 2.34), libgcc-s1, libstdc++6 (>= 12)")
+else()
+  set(CPACK_DEBIAN_PROGRAM_PACKAGE_SHLIBDEPS ON)
+endif()
 set(CPACK_DEBIAN_PROGRAM_PACKAGE_SUGGESTS "rsyslog, rsyslog-relp")
 set(CPACK_DEBIAN_PROGRAM_PACKAGE_CONTROL_EXTRA
   ${PROJECT_SOURCE_DIR}/packaging/postinst ${PROJECT_SOURCE_DIR}/packaging/prerm)
@@ -22,8 +28,8 @@ set(CPACK_DEBIAN_PROGRAM_PACKAGE_CONTROL_EXTRA
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libhvlogger-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION "event loop, sockets, logging and time for C++20 processes
- Headers and static libraries of hvlogger's support library, with a CMake
- package and a pkg-config file.")
+Headers and static libraries of hvlogger's support library, with a CMake
+package and a pkg-config file.")
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "libc6-dev, libstdc++-dev")
 
 include(CPack)
