@@ -10,7 +10,6 @@
 #include <csignal>
 #include <ctime>
 #include <deque>
-#include <fcntl.h>
 #include <functional>
 #include <map>
 #include <memory>
@@ -20,7 +19,6 @@
 #include <random>
 #include <set>
 #include <string>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -114,13 +112,6 @@ struct SideBySide {
     std::deque<int> queue;
 
     SideBySide() {
-        rlimit limit{};
-        getrlimit(RLIMIT_NOFILE, &limit);
-        limit.rlim_cur = std::max<rlim_t>(limit.rlim_cur, QELselector::descriptorLimit);
-        setrlimit(RLIMIT_NOFILE, &limit);
-        int& end = ends[2].fds[0];
-        close(std::exchange(end, fcntl(end, F_DUPFD_CLOEXEC, QELselector::descriptorLimit - 1)));
-        EXPECT_EQ(end, 1023) << "not the highest descriptor that fits";
         for (std::size_t i = 0; i < ends.size(); ++i) {
             ready[0].insert(ends[i].fd());
             ready[i / 2].insert(ends[i].fd());
