@@ -5,9 +5,11 @@ each test process its own.
 """
 
 import contextlib
+import ctypes
 import gzip
 import os
 import pathlib
+import platform
 import pty
 import select
 import signal
@@ -52,19 +54,21 @@ def await_true(condition, what):
         time.sleep(0.005)
 
 
+def sockets(table):
+    """The kernel's table of sockets ("tcp" or "udp") as (local address, local port, remote port, state, unread bytes)."""
+    for row in map(str.split, pathlib.Path("/proc/net", table).read_text().splitlines()[1:]):
+        local, remote, state, queues = row[1:5]
+        yield local[:8], int(local[9:], 16), int(remote[9:], 16), state, int(queues.split(":")[1], 16)
+
+
 def listening(port=PORT):
-    """Whether some socket listens on the TCP port (state 0A in the kernel's table)."""
-    lines = pathlib.Path("/proc/net/tcp").read_text().splitlines()[1:]
-    return any(f[1].endswith(f":{port:04X}") and f[3] == "0A" for f in map(str.split, lines))
+    """Whether some socket listens on the TCP port."""
+    return any(row[1] == port and row[3] == "0A" for row in sockets("tcp"))
 
 
-def unread(port):
-    """Bytes that the server has not read yet of the connection from the given local port."""
-    for line in pathlib.Path("/proc/net/tcp").read_text().splitlines()[1:]:
-        fields = line.split()
-        if fields[1].endswith(f":{PORT:04X}") and fields[2].endswith(f":{port:04X}"):
-            return int(fields[4].split(":")[1], 16)
-    return 0
+def unread(port, table="tcp"):
+    """Bytes that the server has not read yet of what came from the given port; port 0: of the datagrams."""
+    return sum(row[4] for row in sockets(table) if row[1:3] == (PORT, port))
 
 
 def cpu_ns(pid):
@@ -72,10 +76,46 @@ def cpu_ns(pid):
     return int(pathlib.Path(f"/proc/{pid}/schedstat").read_text().split()[0])
 
 
+def idle(pid):
+    """Whether the process waits; one that spins uses nearly all of this time."""
+    before = cpu_ns(pid)
+    time.sleep(0.4)
+    return cpu_ns(pid) - before < 100_000_000
+
+
 def send_datagrams(*datagrams, address="127.0.0.1"):
     with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as sender:
         for datagram in datagrams:
             sender.sendto(datagram, (address, PORT))
+
+
+def expect_stream(read, data, received=b""):
+    """Calls read() until what it returned in all is exactly data."""
+    while len(received) < len(data):
+        chunk = read()
+        if not chunk:
+            break
+        received += chunk
+    if received != data:
+        raise AssertionError(f"stream is {received[:5000]!r}, not {data[:5000]!r}")
+
+
+def failing(call, error):
+    """Has a system call fail in a program that is started with the result as preexec_fn (seccomp(2))."""
+    numbers = {"x86_64": {"listen": 50, "pselect6": 270}, "aarch64": {"listen": 201, "pselect6": 72}}
+    if platform.machine() not in numbers:
+        raise unittest.SkipTest("system call numbers of this machine are not known")
+    load, equal, give, fail, allow = 0x20, 0x15, 0x06, 0x50000, 0x7FFF0000
+    code = ctypes.create_string_buffer(b"".join(struct.pack("HBBI", *line) for line in [
+        (load, 0, 0, 0), (equal, 0, 1, numbers[platform.machine()][call]), (give, 0, 0, fail | error), (give, 0, 0, allow)]))
+    program = struct.pack("HP", 4, ctypes.addressof(code))
+    prctl, no_new_privileges, seccomp, filtering = ctypes.CDLL(None).prctl, 38, 22, 2
+
+    def install():
+        if prctl(no_new_privileges, 1, 0, 0, 0) or prctl(seccomp, filtering, program):
+            raise OSError("no system call filters here")
+        return code
+    return install
 
 
 class LogDevice:
@@ -103,9 +143,10 @@ class LogDevice:
 class Server:
     """`hvlogger server` in a directory of its own."""
 
-    def __init__(self, *arguments, may_linger=SHARED):
+    def __init__(self, *arguments, may_linger=SHARED, **popen):
         self.arguments = arguments
         self.may_linger = may_linger
+        self.popen = popen
 
     def __enter__(self):
         self.directory = tempfile.TemporaryDirectory()
@@ -115,7 +156,7 @@ class Server:
             with open(self.output_path, "wb") as output:
                 self.process = subprocess.Popen([PROGRAM, "server", *self.arguments],
                                                 cwd=self.directory.name, stdin=subprocess.DEVNULL,
-                                                stdout=output, stderr=output)
+                                                stdout=output, stderr=output, **self.popen)
             await_true(lambda: listening() or self.process.poll() is not None, "server starts")
             # On shared ports a former test's connection may linger for a minute.
             lingering = self.may_linger and b"Cannot bind" in self.output and time.monotonic() < end
@@ -136,6 +177,15 @@ class Server:
         """Waits for the dump file that was asked for and returns its content."""
         return wait_for_dump(self.directory.name)
 
+    def collect(self, *datagrams):
+        """Sends the datagrams, has them all collected and returns the dump."""
+        send_datagrams(*datagrams, MARKER)
+        return self.dump()
+
+    def descriptors(self):
+        """What is open but the standard descriptors."""
+        return sorted(fd for fd in os.listdir(f"/proc/{self.process.pid}/fd") if int(fd) > 2)
+
     def stop(self, with_signal=signal.SIGINT):
         """Ends the server and returns its exit status."""
         self.process.send_signal(with_signal)
@@ -145,8 +195,12 @@ class Server:
 class RawViewer:
     """A viewer written elsewhere: the bare protocol."""
 
-    def __init__(self, address="127.0.0.1"):
-        self.socket = socket.create_connection((address, PORT), DEADLINE)
+    def __init__(self, address="127.0.0.1", receive_buffer=None):
+        self.socket = socket.socket()
+        if receive_buffer:
+            self.socket.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, receive_buffer)
+        self.socket.settimeout(DEADLINE)
+        self.socket.connect((address, PORT))
         self.received = b""
 
     def __enter__(self):
@@ -163,13 +217,15 @@ class RawViewer:
 
     def expect(self, data):
         """Reads until the stream so far is exactly data."""
-        while len(self.received) < len(data):
-            chunk = self.socket.recv(65536)
-            if not chunk:
-                break
-            self.received += chunk
-        if self.received != data:
-            raise AssertionError(f"stream is {self.received!r}, not {data!r}")
+        expect_stream(lambda: self.socket.recv(65536), data, self.received)
+        self.received = data
+
+    def log(self, *texts):
+        """Logs messages; the server has done all that it does with them when this viewer has been sent them."""
+        for start in range(0, len(texts), 50):
+            datagrams = [message(text) for text in texts[start:start + 50]]
+            send_datagrams(*datagrams)
+            self.expect(self.received + b"".join(datagrams))
 
     def waiting(self):
         return bool(select.select([self.socket], [], [], 0)[0])
@@ -178,6 +234,34 @@ class RawViewer:
         """Vanishes with a connection reset instead of an orderly close."""
         self.socket.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
         self.socket.close()
+
+
+class FakeServer:
+    """Accepts one viewer and lets the test say every byte of the stream."""
+
+    def __enter__(self):
+        self.listener = socket.create_server(("127.0.0.1", PORT))
+        self.listener.settimeout(DEADLINE)
+        self.connection = None
+        return self
+
+    def __exit__(self, *_):
+        self.close()
+        self.listener.close()
+
+    def accept(self):
+        """Accepts the viewer, which must ask for everything."""
+        self.connection = self.listener.accept()[0]
+        self.connection.settimeout(DEADLINE)
+        self.connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
+        self.expect(SEND_ALL)
+
+    def expect(self, data):
+        expect_stream(lambda: self.connection.recv(len(data)), data)
+
+    def close(self):
+        if self.connection:
+            self.connection.close()
 
 
 class Terminal:
@@ -244,6 +328,14 @@ class Viewer(Terminal):
 
     def __init__(self, *arguments, **popen):
         super().__init__(PROGRAM, "client", *arguments, **popen)
+
+    def quit(self):
+        """Ends with the key 'q'; the terminal must be as before. Returns the exit status."""
+        self.keys(b"q")
+        status = self.wait()
+        if self.settings() != self.before:
+            raise AssertionError("the terminal is not restored")
+        return status
 
 
 def wait_for_dump(folder):

@@ -3,49 +3,14 @@
 import contextlib
 import os
 import socket
+import struct
 import subprocess
 import tempfile
 import termios
 import time
 
-from harness import (DEADLINE, HYPHENS, MARKER, PORT, PROGRAM, SEND_ALL, WRITE_FILE, RawViewer, Server, TestCase, Viewer,
-                     cpu_ns, main, message, send_datagrams, shown, wait_for_dump)
-
-
-class FakeServer:
-    """Accepts one viewer and lets the test say every byte of the stream."""
-
-    def __enter__(self):
-        self.listener = socket.create_server(("127.0.0.1", PORT))
-        self.connection = None
-        return self
-
-    def __exit__(self, *_):
-        self.close()
-        self.listener.close()
-
-    def accept(self):
-        self.listener.settimeout(DEADLINE)
-        self.connection = self.listener.accept()[0]
-        self.connection.settimeout(DEADLINE)
-        self.connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
-
-    def expect(self, data):
-        received = b""
-        while len(received) < len(data):
-            chunk = self.connection.recv(len(data) - len(received))
-            if not chunk:
-                break
-            received += chunk
-        if received != data:
-            raise AssertionError(f"viewer sent {received!r}, not {data!r}")
-
-    def close(self):
-        if self.connection:
-            self.connection.close()
-            # The listener goes too: TIME_WAIT is this side's.
-            self.connection = None
-
+from harness import (DEADLINE, HYPHENS, PORT, PROGRAM, WRITE_FILE, FakeServer, Server, TestCase, Viewer, expect_stream,
+                     idle, main, message, send_datagrams, shown, wait_for_dump)
 
 HELP = b"".join(line + b"\r\n" for line in b"""Key Commands:
  ?   : Print this help text
@@ -76,12 +41,10 @@ class Keys(TestCase):
         """One session through the whole key table against a real server, byte by byte."""
         switches = {b"i": b"sip", b"n": b"nmos", b"r": b"router", b"s": b"sap"}
         with Server() as server, tempfile.TemporaryDirectory() as desk:
-            send_datagrams(message("stored"), message("hidden", app="ui"),
-                           message("debug", app="router", severity=7, second=31), MARKER)
-            server.dump()
+            debug = {"text": "debug", "app": "router", "severity": 7, "second": 31}
+            server.collect(message("stored"), message("hidden", app="ui"), message(**debug))
             with Viewer(cwd=desk) as viewer:
-                viewer.expect(viewer.GREETING + shown("stored")
-                              + shown("debug", app="router", severity=7, second=31))
+                viewer.expect(viewer.GREETING + shown("stored") + shown(**debug))
                 viewer.press(b"?", HELP)
                 for key, name in switches.items():
                     viewer.press(key.upper(), b"------ " + name + b" disabled\r\n")
@@ -89,7 +52,7 @@ class Keys(TestCase):
                 viewer.press(b"-", b"------ all disabled\r\n")
                 viewer.press(b"a", HYPHENS + b"\r\n")
                 viewer.press(b"r", b"------ router enabled\r\n")
-                viewer.press(b"a", HYPHENS + shown("debug", app="router", severity=7, second=31) + b"\r\n")
+                viewer.press(b"a", HYPHENS + shown(**debug) + b"\r\n")
                 viewer.press(b"+", b"------ all enabled\r\n")
                 # Keys that switch no component print nothing: the hyphens are the next key's.
                 viewer.press(b"eElLmMuU\0x", HYPHENS)
@@ -107,20 +70,15 @@ class Keys(TestCase):
                 viewer.expect(shown("error", severity=3))
                 viewer.press(b"7", b"Enabling severity up to: 7\r\n")
                 # 'A' starts again from the server, whose listing now has all five programs' lines.
-                viewer.press(b"A", viewer.GREETING + shown("stored")
-                             + shown("debug", app="router", severity=7, second=31)
+                viewer.press(b"A", viewer.GREETING + shown("stored") + shown(**debug)
                              + shown("too fine", severity=4) + shown("error", severity=3))
                 viewer.press(b"f", b"------ logger.txt created\r\n")
                 self.assertEqual(wait_for_dump(desk).splitlines(), [
-                    message("stored"), message("debug", app="router", severity=7, second=31),
-                    message("too fine", severity=4), message("error", severity=3)])
+                    message("stored"), message(**debug), message("too fine", severity=4), message("error", severity=3)])
                 viewer.press(b"F", b"Trigger logger server to write a zip file\n\r")
                 self.assertEqual(server.dump().splitlines()[:2],
                                  [message("stored"), message("hidden", app="ui")])
-                viewer.keys(b"q")
-                self.assertEqual(viewer.wait(), 0)
-                self.assertEqual(viewer.screen, b"")
-                self.assertEqual(viewer.settings(), viewer.before)
+                self.assertEqual((viewer.quit(), viewer.screen), (0, b""))
 
     def test_terminal_is_raw_in_between(self):
         with Server(), Viewer() as viewer:
@@ -129,12 +87,9 @@ class Keys(TestCase):
             self.assertFalse(iflag & (termios.BRKINT | termios.INPCK | termios.ISTRIP
                                       | termios.ICRNL | termios.IXON))
             self.assertFalse(lflag & (termios.ISIG | termios.ICANON | termios.ECHO | termios.IEXTEN))
-            self.assertEqual(cflag & termios.CSIZE, termios.CS8)
-            self.assertEqual((oflag, cc[termios.VMIN], cc[termios.VTIME]),
-                             (viewer.before[1], 1, 0))
-            viewer.keys(b"q")
-            self.assertEqual(viewer.wait(), 0)
-            self.assertEqual(viewer.settings(), viewer.before)
+            self.assertEqual((oflag, cflag & termios.CSIZE, cc[termios.VMIN], cc[termios.VTIME]),
+                             (viewer.before[1], termios.CS8, 1, 0))
+            self.assertEqual(viewer.quit(), 0)
 
 
 class Stream(TestCase):
@@ -142,7 +97,6 @@ class Stream(TestCase):
         """1500 x n bytes from the server: nothing waits for the next byte, keys work on."""
         with FakeServer() as server, Viewer() as viewer:
             server.accept()
-            server.expect(SEND_ALL)
             viewer.expect(viewer.GREETING)
             for n in (1, 2, 7):
                 texts = ["x" * (1500 - len(message("")))] * n
@@ -165,113 +119,16 @@ class Stream(TestCase):
             while texts[-1].encode() + b"\r\n" not in screen[-200:] and time.monotonic() < end:
                 viewer.read()
                 screen, viewer.screen = screen + viewer.screen, b""
-            lines = screen.split(b"\r\n")[:-1]
-            # A batch may end, and cut a message, anywhere: nearly all are whole, none is out of order.
+            # A batch may end, and cut a message, where the stream pauses: nearly all are whole, none is out of order.
             wanted = {shown(text)[:-2]: n for n, text in enumerate(texts)}
-            order = [wanted[line] for line in lines if line in wanted]
+            order = [wanted[line] for line in screen.split(b"\r\n") if line in wanted]
             self.assertEqual(order, sorted(order))
             self.assertGreater(len(order), 8900)
 
-
-class Endings(TestCase):
-    def test_server_gone_leaves_the_keyboard_working(self):
-        with FakeServer() as server, Viewer() as viewer:
-            server.accept()
-            server.expect(SEND_ALL)
-            server.connection.sendall(message("last"))
-            viewer.expect(viewer.GREETING + shown("last"))
-            server.close()
-            viewer.expect(b"recv(0): Success\nRcv: nothing\r\n")
-            viewer.press(b"a", HYPHENS + shown("last") + b"\r\n")
-            before = cpu_ns(viewer.process.pid)
-            time.sleep(0.3)
-            self.assertLess(cpu_ns(viewer.process.pid) - before, 30_000_000)
-            viewer.keys(b"q")
-            self.assertEqual(viewer.wait(), 0)
-            self.assertEqual(viewer.settings(), viewer.before)
-
-    def test_reset_by_the_server(self):
-        with FakeServer() as server, Viewer() as viewer:
-            server.accept()
-            viewer.expect(viewer.GREETING)
-            server.connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, b"\1\0\0\0\0\0\0\0")
-            server.close()
-            viewer.expect(b"recv: Connection reset by peer\nRcv: error\r\n")
-            viewer.keys(b"q")
-            self.assertEqual(viewer.wait(), 0)
-
-    def test_plain_viewer_without_a_keyboard(self):
-        """`hvlogger client </dev/null | ...`: shows, never spins, ends with the server."""
-        with FakeServer() as server:
-            process = subprocess.Popen([PROGRAM, "client"], stdin=subprocess.DEVNULL,
-                                       stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
-            self.addCleanup(process.kill)
-            server.accept()
-            server.expect(SEND_ALL)
-            server.connection.sendall(message("one"))
-            expected = Viewer.GREETING + HYPHENS + shown("one")
-            output = b""
-            while len(output) < len(expected):
-                chunk = os.read(process.stdout.fileno(), 65536)
-                self.assertTrue(chunk)
-                output += chunk
-            self.assertEqual(sorted(output.split(b"\r")), sorted(expected.split(b"\r")))
-            before = cpu_ns(process.pid)
-            time.sleep(0.3)
-            self.assertLess(cpu_ns(process.pid) - before, 30_000_000)
-            server.close()
-            self.assertEqual(process.stdout.read(), b"Rcv: nothing\r\n")
-            self.assertEqual(process.wait(DEADLINE), 0)
-            process.stdout.close()
-
-    def test_keyboard_ends_after_the_server(self):
-        with FakeServer() as server:
-            process = subprocess.Popen([PROGRAM, "client"], stdin=subprocess.PIPE,
-                                       stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
-            self.addCleanup(process.kill)
-            server.accept()
-            server.expect(SEND_ALL)
-            server.close()
-            output = b""
-            while not output.endswith(b"Rcv: nothing\r\n"):
-                chunk = os.read(process.stdout.fileno(), 65536)
-                self.assertTrue(chunk, output)
-                output += chunk
-            process.stdin.close()
-            self.assertEqual(process.wait(DEADLINE), 0)
-            self.assertEqual(process.stdout.read(), HYPHENS)
-            process.stdout.close()
-
-    def test_reader_of_the_output_gone(self):
-        """`hvlogger client | head -1`: ends at once, also when no further line comes."""
-        for more_lines in (False, True):
-            with self.subTest(more_lines=more_lines), FakeServer() as server:
-                reading, writing = os.pipe()
-                with Viewer(stdout=writing) as viewer:
-                    os.close(writing)
-                    server.accept()
-                    server.expect(SEND_ALL)
-                    os.close(reading)
-                    with contextlib.suppress(OSError):
-                        if more_lines:
-                            server.connection.sendall(message("line"))
-                    self.assertEqual(viewer.wait(), 0)
-                    self.assertEqual(viewer.settings(), viewer.before)
-
-    def test_full_disk_under_the_output(self):
-        with FakeServer() as server, open("/dev/full", "wb") as full, Viewer(stdout=full) as viewer:
-            server.accept()
-            self.assertEqual(viewer.wait(), 255)
-            self.assertEqual(viewer.screen, b"standard output: No space left on device\n")
-            self.assertEqual(viewer.settings(), viewer.before)
-
-
-class RealTools(TestCase):
     def test_logger_tool_is_understood(self):
         """util-linux logger's RFC 5424 lines, as a new user would send them."""
         with Server() as server:
-            send_datagrams(message("first"), MARKER)
-            server.dump()
+            server.collect(message("first"))
             viewer = self.enterContext(Viewer())
             viewer.expect(viewer.GREETING + shown("first"))
             subprocess.run(["logger", "--rfc5424", "--udp", "--server", "127.0.0.1", "--port", str(PORT),
@@ -282,6 +139,120 @@ class RealTools(TestCase):
             # Its structured data stands in front of the text, its process id is the NILVALUE.
             self.assertRegex(viewer.screen, rb"^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{6}(\+00:00| |[+-]\d\d:\d\d)"
                                             rb"sip --3: - .*Call setup done\r\n$")
+
+
+# (program, process id, text) as sent, and as a terminal shows them: None for not at all.
+HOSTILE = [
+    ((b"sip", b"1", b"\x1b[2J\x1b]0;title\x07"), (b"sip", b"1", b"^[[2J^[]0;title^G")),
+    ((b"sip", b"\x1b[31m", b"in the process id"), (b"sip", b"^[[31m", b"in the process id")),
+    ((b"ui", b"2", b"\x1b[31m not shown at all"), None),
+    ((b"nmos", b"3", b"refused\raccepted"), (b"nmos", b"3", b"refused^Maccepted")),
+    ((b"nmos", b"4", b"at its end\r"), (b"nmos", b"4", b"at its end^M")),
+    ((b"nmos", b"5", b"two\r\nlines\n\rand\tmore"), (b"nmos", b"5", b"two\r\nlines\n\rand\tmore")),
+    ((b"sap", b"6", b"\x01\b\x0b\x0c\x0e\x7f"), (b"sap", b"6", b"^A^H^K^L^N^?")),
+    ((b"sap", b"7", "Grüße, 世界 🙂".encode()), (b"sap", b"7", "Grüße, 世界 🙂".encode())),
+    ((b"sap", b"8", b"\xc2\x9b31m\x9b31m"), (b"sap", b"8", rb"\u009B31m\x9B31m")),
+    ((b"router", b"9", b"\xed\xa0\x80 \xf4\x90\x80\x80 \xff"), (b"router", b"9", rb"\xED\xA0\x80 \xF4\x90\x80\x80 \xFF")),
+    ((b"router", b"10", b"cut off \xe2\x82"), (b"router", b"10", rb"cut off \xE2\x82")),
+    ((b"router", b"11", b"end"), (b"router", b"11", b"end")),
+]
+
+
+class HostileText(TestCase):
+    def test_control_characters_reach_files_and_pipes_but_no_terminal(self):
+        def line(program, process, text):
+            return b"2024-03-05 10:20:30.123 %s %s-6: %s\r\n" % (program, process, text)
+
+        sent = [b"<14>1 2024-03-05T10:20:30.123Z dev01 %s %s - %s" % fields for fields, _ in HOSTILE]
+        passing = [n for n, (_, on_screen) in enumerate(HOSTILE) if on_screen]
+        screen = b"".join(line(*HOSTILE[n][1]) for n in passing)
+        piped = b"".join(line(*HOSTILE[n][0]) for n in passing)
+        with Server() as server, tempfile.TemporaryDirectory() as desk:
+            self.assertEqual(server.collect(*sent), b"\n".join(sent) + b"\n")
+            with Viewer(cwd=desk) as viewer:
+                viewer.expect(viewer.GREETING + screen)
+                viewer.press(b"a", HYPHENS + screen + b"\r\n")
+                for n in passing:
+                    send_datagrams(sent[n])
+                    viewer.expect(line(*HOSTILE[n][1]))
+                viewer.press(b"A", viewer.GREETING + screen * 2)
+                viewer.press(b"f", b"------ logger.txt created\r\n")
+                self.assertEqual(wait_for_dump(desk), b"".join(sent[n] + b"\n" for n in passing) * 2)
+                self.assertEqual(viewer.quit(), 0)
+            # The keyboard is a terminal, what is shown goes to a pipe.
+            with Viewer(stdout=subprocess.PIPE) as viewer, viewer.process.stdout as output:
+                expect_stream(lambda: os.read(output.fileno(), 65536), viewer.GREETING + piped * 2)
+                self.assertEqual(viewer.quit(), 0)
+
+
+class Endings(TestCase):
+    def test_server_gone_leaves_the_keyboard_working(self):
+        cases = [(struct.pack("ii", 0, 0), b"recv(0): Success\nRcv: nothing\r\n"),
+                 (struct.pack("ii", 1, 0), b"recv: Connection reset by peer\nRcv: error\r\n")]
+        for linger, report in cases:
+            with self.subTest(report=report), FakeServer() as server, Viewer() as viewer:
+                server.accept()
+                server.connection.sendall(message("last"))
+                viewer.expect(viewer.GREETING + shown("last"))
+                server.connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, linger)
+                server.close()
+                viewer.expect(report)
+                viewer.press(b"a", HYPHENS + shown("last") + b"\r\n")
+                self.assertTrue(idle(viewer.process.pid))
+                self.assertEqual(viewer.quit(), 0)
+
+    def plain_viewer(self, **popen):
+        """`hvlogger client <... | ...`, with the reader of its output."""
+        process = self.enterContext(subprocess.Popen([PROGRAM, "client"], stdout=subprocess.PIPE,
+                                                     stderr=subprocess.DEVNULL, **popen))
+        self.addCleanup(process.kill)
+        return process, lambda: os.read(process.stdout.fileno(), 65536)
+
+    def test_plain_viewer_without_a_keyboard(self):
+        """Shows, never spins, ends with the server; also when its input cannot be read at all."""
+        for path in "/dev/null", "/":
+            stdin = os.open(path, os.O_RDONLY)
+            self.addCleanup(os.close, stdin)
+            with self.subTest(path=path), FakeServer() as server:
+                process, read = self.plain_viewer(stdin=stdin)
+                server.accept()
+                expect_stream(read, Viewer.GREETING + HYPHENS)
+                server.connection.sendall(message("one"))
+                expect_stream(read, shown("one"))
+                self.assertTrue(idle(process.pid))
+                server.close()
+                expect_stream(read, b"Rcv: nothing\r\n")
+                self.assertEqual((process.wait(DEADLINE), read()), (0, b""))
+
+    def test_keyboard_ends_after_the_server(self):
+        with FakeServer() as server:
+            process, read = self.plain_viewer(stdin=subprocess.PIPE)
+            server.accept()
+            server.close()
+            expect_stream(read, Viewer.GREETING + b"Rcv: nothing\r\n")
+            process.stdin.close()
+            expect_stream(read, HYPHENS)
+            self.assertEqual((process.wait(DEADLINE), read()), (0, b""))
+
+    def test_reader_of_the_output_gone(self):
+        """`hvlogger client | head -1`: ends at once, also when no further line comes."""
+        for more_lines in (False, True):
+            with self.subTest(more_lines=more_lines), FakeServer() as server:
+                reading, writing = os.pipe()
+                with Viewer(stdout=writing) as viewer:
+                    os.close(writing)
+                    server.accept()
+                    os.close(reading)
+                    with contextlib.suppress(OSError):
+                        if more_lines:
+                            server.connection.sendall(message("line"))
+                    self.assertEqual((viewer.wait(), viewer.settings()), (0, viewer.before))
+
+    def test_full_disk_under_the_output(self):
+        with FakeServer() as server, open("/dev/full", "wb") as full, Viewer(stdout=full) as viewer:
+            server.accept()
+            self.assertEqual((viewer.wait(), viewer.settings()), (255, viewer.before))
+            self.assertEqual(viewer.screen, b"standard output: No space left on device\n")
 
 
 if __name__ == "__main__":
