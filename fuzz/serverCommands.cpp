@@ -102,18 +102,12 @@ class Session {
     }
 
     void announce(std::size_t length) {
-        mediator.newest.assign(length, 'n');
+        mediator.newest = nextText(length);
         server.forwardNewest();
         expect(mediator.newest);
     }
 
-    void setListing(std::size_t length) {
-        mediator.listing.clear();
-        while (mediator.listing.size() < length) {
-            mediator.listing += "<14>1 2024-03-05T10:20:30.123Z dev01 sip 412 - text";
-        }
-        mediator.listing.resize(length);
-    }
+    void setListing(std::size_t length) { mediator.listing = nextText(length); }
 
     /// Reads what has come until that is @p limit bytes. @return how many
     std::size_t read(std::size_t limit) {
@@ -147,6 +141,12 @@ class Session {
     }
 
   private:
+    /// A text unlike those before, so that the viewer sees the order.
+    std::string nextText(std::size_t length) {
+        letter = letter == 'z' ? 'a' : static_cast<char>(letter + 1);
+        return std::string(length, letter);
+    }
+
     void connectViewer() {
         expected.clear();
         arrived = 0;
@@ -183,6 +183,7 @@ class Session {
     HVLoggerTCPsockSrv server;
     std::string expected;
     std::size_t arrived = 0;
+    char letter = 'a';
 };
 
 } // namespace

@@ -38,6 +38,9 @@ TEST(Extraction, FieldsOfKnownTexts) {
          "1|6|sip|412|2024-03-05 10:20:30.123 |Call setup done|\n"},
         {"<11>1 2024-03-05T10:20:30+01:00 dev01 nmos 77 - link down<15>1 t dev01 router 9 - x\n",
          "1|3|nmos|77|2024-03-05 10:20:30+01:00|link down|\n1|7|router|9|t|x\n|\n"},
+        {"<11>1 2024-03-05T10:20:30.123456+01:00 host sip - - [timeQuality tzKnown=\"1\"] by "
+         "logger",
+         "1|3|sip|-|2024-03-05 10:20:30.123456+01:00|- [timeQuality tzKnown=\"1\"] by logger|\n"},
         {"xx<14>1 t d sip - ok - -", "1|6|sip|-|t|ok - -|\n"},
         {"<14>Mar  5 10:20:30 dev01 app: a - b", "1|6|10:20:30|dev01||b|\n"},
         {"> <14 t d sip 1 - ok", "1|6|d|sip|<14|ok|\n"},

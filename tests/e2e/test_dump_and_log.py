@@ -9,7 +9,7 @@ import time
 import unittest
 
 from harness import (LOG_DEVICE_TAKEN, MARKER, SEND_ALL, WRITE_FILE, LogDevice, RawViewer, Server, TestCase, await_true, main,
-                     message, send_datagrams)
+                     send_datagrams)
 
 DUMP = pathlib.Path("/tmp/logger.txt")
 

@@ -35,11 +35,6 @@ class Datagrams(TestCase):
                     self.assertEqual(body, text)
             self.assertTrue(log.silent())
 
-    def test_without_a_local_log_everything_is_still_collected(self):
-        with Server() as server, RawViewer() as viewer:
-            viewer.send(SEND_ALL)
-            self.assertEqual(server.collect(*[message(str(n)) for n in range(20)]).count(b"\n"), 20)
-
 
 class ViewerProtocol(TestCase):
     def test_what_a_viewer_is_sent(self):
