@@ -14,6 +14,7 @@
 #include <cstdlib>
 #include <ctime>
 #include <limits>
+#include <memory>
 #include <ostream>
 #include <random>
 #include <string>
@@ -258,7 +259,9 @@ TEST(Duration, SpanLeavesOutYearsAndMonthsAndWrapsAround) {
 
 TEST(FileInfo, PathAndStreamTellTheSameAndTheUnknownClearsTheRecord) {
     const std::string name = testing::TempDir() + "time_test." + std::to_string(getpid());
-    std::FILE* const stream = std::fopen(name.c_str(), "w");
+    using File = std::unique_ptr<std::FILE, int (*)(std::FILE*)>;
+    const File file(std::fopen(name.c_str(), "w"), std::fclose);
+    std::FILE* const stream = file.get();
     ASSERT_NE(stream, nullptr);
     std::fputs("twelve bytes", stream);
     std::fflush(stream);
@@ -282,7 +285,6 @@ TEST(FileInfo, PathAndStreamTellTheSameAndTheUnknownClearsTheRecord) {
         statPath(info, unknown);
         EXPECT_TRUE(is(info, 0, 0, 0));
     }
-    std::fclose(stream);
     std::remove(name.c_str());
     statPath(info, "/");
     EXPECT_TRUE(!isRegular(info) && isDirectory(info) && isWritable(info));
