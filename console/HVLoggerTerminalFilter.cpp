@@ -24,7 +24,8 @@ std::size_t printablePrefix(std::string_view text) {
     std::size_t length = 0;
     for (std::uint64_t word = 0; text.size() - length >= sizeof word; length += sizeof word) {
         std::memcpy(&word, text.data() + length, sizeof word);
-        // Each term sets the high bit of a byte that is, in a word below 0x80: under ' ', or DEL.
+        // The high bit of a byte is set by itself from 0x80 on, by the subtraction under ' ', by
+        // the addition for DEL. A borrow or a carry can only come from such a byte.
         if (((word | (word - each * ' ') | (word + each)) & highBits) != 0) {
             break;
         }

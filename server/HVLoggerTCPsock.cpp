@@ -53,7 +53,7 @@ int HVLoggerTCPsock::receiveData(void* buffer, int length) {
     return static_cast<int>(received);
 }
 
-int HVLoggerTCPsock::readArrived() {
+int HVLoggerTCPsock::readArrived(std::size_t limit) {
     int received = 0;
     std::size_t chunk = chunkSize;
     bool full = false;
@@ -66,6 +66,6 @@ int HVLoggerTCPsock::readArrived() {
         full = count == chunk;
         chunk = furtherChunkSize;
         // A full chunk may have been the last one: look before the next read.
-    } while (full && rxData.size() < batchLimit && readable(connFd));
+    } while (full && rxData.size() < limit && readable(connFd));
     return received;
 }

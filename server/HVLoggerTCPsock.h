@@ -33,24 +33,20 @@ class HVLoggerTCPsock : public QELsockCONN, public QELselRcv {
 
     /// Sends with one send(2); what that does not take is not sent. A peer that has gone is an
     /// error like others, never a signal.
-    /// @return bytes sent; 0 for null or a length below 1; -1 without an open socket; -2, reported
-    /// on
-    ///         standard error, when the call fails
+    /// @return bytes sent; 0 for null or a length below 1; -1 without an open socket; -2, with a
+    ///         report on standard error, when the call fails
     int sendData(const void* data, int length);
 
     /// Receives with one recv(2).
-    /// @return bytes received; 0, reported on standard error, when the peer has closed; -1 without
-    /// an
-    ///         open socket, for null or a length below 1; -2, reported, when the call fails
+    /// @return bytes received; 0 when the peer has closed and -2 when the call fails, both with a
+    ///         report on standard error; -1 without an open socket, for null or a length below 1
     int receiveData(void* buffer, int length);
 
   protected:
-    /// How long a batch may become, but for the last chunk: a peer that sends faster than it is
-    /// read must not keep it, and its memory, growing.
-    static constexpr std::size_t batchLimit = 0x10000;
-
-    /// Reads what has arrived, in chunks, until one is not filled, and appends it to rxData. Only
-    /// the first read may wait; call it when connFd is readable.
+    /// Reads what has arrived and appends it to rxData, in chunks, until one is not filled, nothing
+    /// more is there, or rxData has @p limit bytes (exceeded by less than a chunk): a peer that
+    /// sends faster than it is read must not keep it, and its memory, growing. Only the first read
+    /// may wait; call it when connFd is readable.
     /// @return the last receiveData() result: positive when the peer is still there
-    int readArrived();
+    int readArrived(std::size_t limit);
 };

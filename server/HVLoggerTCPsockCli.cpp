@@ -15,8 +15,10 @@
 
 namespace {
 
-constexpr int gapMs = 8; // a slow link's bursts are a few milliseconds apart
+// Where a flow that does not pause is cut.
+constexpr std::size_t batchLimit = 0x10000;
 constexpr std::int64_t batchLimitUs = 50'000;
+constexpr int gapMs = 8; // a slow link's bursts are a few milliseconds apart
 
 /// Whether bytes, not just the peer's end, arrive within the given time.
 bool bytesArrive(int fd, int milliseconds) {
@@ -48,18 +50,18 @@ bool HVLoggerTCPsockCli::onReady(std::int64_t nowUs) {
     rxData.swap(nextMessage);
     nextMessage.clear();
     const bool continued = !rxData.empty();
-    int received = readArrived();
+    int received = readArrived(batchLimit);
     bool flowing = false;
     while (received > 0 && (continued || fillsSegment()) && bytesArrive(connFd, gapMs)) {
-        flowing = rxData.size() >= batchLimit || QELselector::nowUs() - nowUs >= batchLimitUs;
+        flowing = rxData.size() >= batchLimit ||
+                  QELselector::nowUs() - nowUs >= batchLimitUs - gapMs * 1000;
         if (flowing) {
             break;
         }
-        received = readArrived();
+        received = readArrived(batchLimit);
     }
     if (received < 0) {
         std::cout << "Rcv: error\r\n";
-        return false;
     }
     if (received == 0) {
         std::cout << "Rcv: nothing\r\n";
@@ -67,6 +69,7 @@ bool HVLoggerTCPsockCli::onReady(std::int64_t nowUs) {
     if (rxData.empty()) {
         return false;
     }
+    // What came before a failure is not lost with it.
     std::size_t end = rxData.size();
     if (flowing) {
         // The rest of the last message is there already: the next cycle begins with it.
@@ -77,7 +80,7 @@ bool HVLoggerTCPsockCli::onReady(std::int64_t nowUs) {
     lastText.assign(rxData.data(), end);
     nextMessage.assign(rxData.data() + end, rxData.data() + rxData.size());
     mediator->notify(idStore, msgAddMessages, &lastText);
-    return true;
+    return received >= 0;
 }
 
 bool HVLoggerTCPsockCli::fillsSegment() const {

@@ -12,7 +12,7 @@
 /// A batch is cut into messages on its own, so one that ended within a message would spoil it. It
 /// therefore goes on while bytes keep coming with gaps of a few milliseconds at most. The wait is
 /// spent only on a batch that fills a TCP segment: a smaller one nearly always ends where a send of
-/// the server did. A flow that does not pause is handed over every 64 KiB, at the latest every
+/// the server did. A flow that does not pause is handed over after 64 KiB, or at the latest after
 /// 50 ms, cut at the start of a message.
 class HVLoggerTCPsockCli : public HVLoggerTCPsock {
   public:

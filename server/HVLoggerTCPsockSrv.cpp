@@ -22,6 +22,9 @@ constexpr int keepAliveProbes = 4;
 // The same for a viewer that is being sent something: the kernel alone would go on for 15 minutes.
 constexpr std::uint64_t watchIntervalUs = 10'000'000;
 constexpr unsigned unacknowledgedLimitMs = 40'000;
+constexpr std::uint64_t acceptRetryUs = 100'000;
+/// A server reads what a viewer sends in one go as one batch, of which only the start counts.
+constexpr std::size_t commandsLimit = 0x400000;
 
 void keepAlive(int connection) {
     const auto set = [connection](int level, int option, int value) {
@@ -47,6 +50,9 @@ int HVLoggerTCPsockSrv::startListening() {
 }
 
 int HVLoggerTCPsockSrv::getSelectFd() const {
+    if (unwatched) {
+        return -1;
+    }
     switch (state) {
     case stateListening:
         return fd;
@@ -72,14 +78,19 @@ bool HVLoggerTCPsockSrv::onReady(std::int64_t /*nowUs*/) {
 bool HVLoggerTCPsockSrv::acceptViewer() {
     const int accepted = ::accept4(fd, nullptr, nullptr, SOCK_CLOEXEC);
     if (accepted < 0) {
+        // A viewer that the system cannot take now would wake the server in every cycle.
+        if (selector != nullptr) {
+            unwatched = true;
+            startWatch(acceptRetryUs);
+            selRemoveRead();
+        }
         return false;
     }
     connFd = accepted;
     state = stateConnected;
     keepAlive(connFd);
     if (selector != nullptr) {
-        selector->setTimer(&watch,
-                           static_cast<std::uint64_t>(QELselector::nowUs()) + watchIntervalUs);
+        startWatch(watchIntervalUs);
     }
     // A second viewer makes the listening socket ready: not watched, it waits without waking
     // anyone.
@@ -89,12 +100,16 @@ bool HVLoggerTCPsockSrv::acceptViewer() {
 
 bool HVLoggerTCPsockSrv::receiveCommands() {
     rxData.clear();
-    const int received = readArrived();
+    const int received = readArrived(commandsLimit);
     if (received < 0) {
         return false;
     }
     if (received == 0) {
-        hangUp();
+        // It has nothing more to say, but may still read what it asked for.
+        unwatched = !pending.empty();
+        if (!unwatched) {
+            hangUp();
+        }
         return false;
     }
     handleCommand();
@@ -118,7 +133,7 @@ void HVLoggerTCPsockSrv::handleCommand() {
 }
 
 void HVLoggerTCPsockSrv::forwardNewest() {
-    if (state != stateConnected) {
+    if (state != stateConnected || unwatched) {
         return;
     }
     std::string newest;
@@ -166,10 +181,21 @@ bool HVLoggerTCPsockSrv::Writer::onReady(std::int64_t /*nowUs*/) {
         return true;
     }
     owner.pending.shrink_to_fit();
+    if (owner.unwatched) {
+        owner.hangUp();
+    }
     return false;
 }
 
+void HVLoggerTCPsockSrv::startWatch(std::uint64_t intervalUs) {
+    selector->setTimer(&watch, static_cast<std::uint64_t>(QELselector::nowUs()) + intervalUs);
+}
+
 std::uint64_t HVLoggerTCPsockSrv::Watch::onTimer(std::int64_t nowUs) {
+    if (owner.state == stateListening) {
+        owner.unwatched = false;
+        return 0;
+    }
     if (owner.viewerVanished()) {
         owner.hangUp();
         return 0;
@@ -192,6 +218,7 @@ void HVLoggerTCPsockSrv::hangUp() {
     ::close(connFd);
     connFd = fd;
     state = stateListening;
+    unwatched = false;
     pending.clear();
     pending.shrink_to_fit();
 }

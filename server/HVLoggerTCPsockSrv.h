@@ -39,16 +39,17 @@ class HVLoggerTCPsockSrv : public HVLoggerTCPsock {
     /// Starts listening on the own socket. @return listen(2)'s result
     int startListening();
 
-    /// The descriptor to watch in the present state.
+    /// The descriptor to watch in the present state; -1 while nothing is to be read: the viewer has
+    /// ended its side and is still being sent to, or the system refuses connections.
     [[nodiscard]] int getSelectFd() const;
 
-    /// Accepts a viewer, or reads its commands. @return false when the connection is to be watched
-    /// no longer: it has closed, or the read failed
+    /// Accepts a viewer, or reads its commands. @return false when this cycle's registration ends:
+    /// the connection has closed, or the read failed
     bool onReady(std::int64_t nowUs) override;
 
     /// Accepts the viewer that is waiting on the listening socket. Nothing is read yet: its
     /// connection says itself when a command is there.
-    /// @return false, still listening, when the system refuses
+    /// @return false, still listening and about to try again, when the system refuses
     bool acceptViewer();
 
     /// Reads a batch and obeys the command at its start. @return false when the viewer has gone
@@ -76,7 +77,8 @@ class HVLoggerTCPsockSrv : public HVLoggerTCPsock {
         HVLoggerTCPsockSrv& owner;
     };
 
-    /// Looks now and then whether the viewer still acknowledges what it was sent.
+    /// Looks now and then whether the viewer still acknowledges what it was sent; without a viewer,
+    /// ends the pause after the system refused one.
     class Watch : public QELselTimer {
       public:
         explicit Watch(HVLoggerTCPsockSrv& server) : owner(server) {}
@@ -86,12 +88,14 @@ class HVLoggerTCPsockSrv : public HVLoggerTCPsock {
         HVLoggerTCPsockSrv& owner;
     };
 
+    void startWatch(std::uint64_t intervalUs);
     void sendToViewer(std::string_view text);
     std::size_t sendNow(std::string_view text);
     [[nodiscard]] bool viewerVanished() const;
     void hangUp();
 
-    std::string pending; // accepted for the viewer and not sent yet, oldest first
+    bool unwatched = false; // see getSelectFd()
+    std::string pending;    // accepted for the viewer and not sent yet, oldest first
     Writer writer{*this};
     Watch watch{*this};
 };

@@ -83,9 +83,8 @@ class QELloggerSyslogFmt {
     /// Writes @p line and "\r\n" to standard output.
     static void printLine(std::string_view line);
 
-    /// Lists the stored messages that pass the filters, oldest first: as display lines each ended
-    /// by
-    /// "\r\n" (@p formatted), or as their raw texts back to back.
+    /// Lists the stored messages that pass the filters, oldest first: as display lines, each
+    /// ended by "\r\n" (@p formatted), or as their raw texts back to back.
     /// @param out  receives the listing; its former content is lost
     /// @return length of the listing in bytes
     std::size_t allMessages(std::string& out, bool formatted) const;
