@@ -311,6 +311,27 @@ class TcpClient : public testing::Test {
         EXPECT_EQ(ioctl(client.fd, FIONREAD, &count), 0);
         return count;
     }
+    /// Has endless messages begin behind others until one of them begins the next batch.
+    void expectCut(std::size_t piece, bool longAgo, std::size_t limit) {
+        std::atomic<bool> flowing = true;
+        std::thread flow([&] {
+            const std::string text(piece, 'y');
+            while (flowing) {
+                ::send(server.fd, text.data(), text.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+            }
+        });
+        bool cut = false;
+        for (int attempt = 0; attempt < 1000 && !cut; ++attempt) { // the flow may have paused
+            send("<14>1 t d sip 1 - two<14>1 t d sip 1 - " + std::string(2000, 'x'));
+            EXPECT_TRUE(client.onReady(longAgo ? 0 : QELselector::nowUs()));
+            cut = batches.back().ends_with("two") && client.rxData.size() <= limit;
+        }
+        flowing = false;
+        flow.join();
+        EXPECT_TRUE(cut);
+        EXPECT_TRUE(client.onReady(QELselector::nowUs()));
+        EXPECT_TRUE(batches.back().starts_with("<14>1 t d sip 1 - xxx"));
+    }
 };
 
 TEST_F(TcpClient, JoinsPiecesThatFollowEachOtherAndOnlyThose) {
@@ -343,29 +364,13 @@ TEST_F(TcpClient, JoinsPiecesThatFollowEachOtherAndOnlyThose) {
     EXPECT_THAT(batches, testing::ElementsAre("<14>1 t d sip 1 - sh", "ort"));
 }
 
-TEST_F(TcpClient, CutsAnEndlessFlowAtTheStartOfAMessage) {
-    const std::string start = "<14>1 t d sip 1 - two<14>1 t d sip 1 - " + std::string(2000, 'x');
-    send("<14>1 t d sip 1 - one" + start);
-    std::atomic<bool> flowing = true;
-    std::thread flow([&] {
-        while (flowing) {
-            send("y");
-        }
-    });
-    // A cycle that began long ago: its time for this batch is over.
-    bool cut = false;
-    for (int attempt = 0; attempt < 1000 && !cut; ++attempt) {
-        EXPECT_TRUE(client.onReady(0));
-        cut = batches.back().ends_with("two");
-        if (!cut) { // the flow had paused: once more
-            send(start);
-        }
-    }
-    flowing = false;
-    flow.join();
-    EXPECT_TRUE(cut);
-    EXPECT_TRUE(client.onReady(QELselector::nowUs()));
-    EXPECT_TRUE(batches.back().starts_with("<14>1 t d sip 1 - xxx"));
+TEST_F(TcpClient, EndlessFlowIsHandedOverInTimeCutAtTheStartOfAMessage) {
+    // One byte after the other, in a cycle that began long ago: the time for this batch is over.
+    expectCut(1, true, 0x10000);
+}
+
+TEST_F(TcpClient, FastFlowIsHandedOverInBatchesOfLimitedSize) {
+    expectCut(1000, false, 0x20000); // 64 KiB, and the chunk that goes beyond
 }
 
 TEST(Signals, OnlyAnInterruptEndsTheServer) {
