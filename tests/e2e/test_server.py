@@ -1,6 +1,8 @@
 """The device's side: what becomes of a datagram, and what viewers of any kind get."""
 
 import pathlib
+import resource
+import socket
 import unittest
 
 from harness import (LOG_DEVICE_TAKEN, MARKER, SEND_ALL, WRITE_FILE, LogDevice, RawViewer, Server, TestCase,
@@ -102,6 +104,17 @@ class ViewerProtocol(TestCase):
             first.socket.close()
             second.expect(message("one") + message("two"))
 
+    def test_viewer_that_the_system_refuses_is_served_later_and_waiting_costs_nothing(self):
+        with Server() as server:
+            limit = resource.RLIMIT_NOFILE
+            allowed = resource.prlimit(server.process.pid, limit)
+            resource.prlimit(server.process.pid, limit, (3 + len(server.descriptors()), allowed[1]))
+            with RawViewer() as viewer:
+                self.assertTrue(idle(server.process.pid))
+                resource.prlimit(server.process.pid, limit, allowed)
+                viewer.send(SEND_ALL)
+                viewer.log("served")
+
     def test_stalled_viewer_gets_everything_later_or_is_dropped(self):
         texts = [f"{n:05} {'x' * 900}" for n in range(9000)]
 
@@ -111,18 +124,23 @@ class ViewerProtocol(TestCase):
                 send_datagrams(*map(message, some[start:start + 40]))
                 await_true(lambda: not unread(0, "udp"), "the server goes on collecting")
 
-        with Server(), RawViewer(receive_buffer=4096) as stalled:
-            stalled.send(SEND_ALL)
-            # More than the socket buffers take, less than is kept for it.
-            some, rest = texts[:4500], texts[4500:]
-            collect(some)
-            stalled.expect(b"".join(map(message, some)))
+        with Server() as server:
+            # More than the socket buffers take, less than is kept for it; even if it has ended its side.
+            with RawViewer(receive_buffer=4096) as stalled:
+                stalled.send(SEND_ALL)
+                collect(texts[:4500])
+                stalled.socket.shutdown(socket.SHUT_WR)
+                self.assertTrue(idle(server.process.pid))
+                stalled.expect(b"".join(map(message, texts[:4500])))
+                self.assertEqual(stalled.socket.recv(1), b"")
             # Far more than is kept: it is disconnected, and the next viewer gets the newest 1 MiB.
-            collect(rest + texts)
-            with RawViewer() as viewer:
-                viewer.send(SEND_ALL)
-                newest = (1 << 20) // len(message(texts[0]))
-                viewer.expect(b"".join(map(message, texts[-newest:])))
+            with RawViewer(receive_buffer=4096) as stalled:
+                stalled.send(SEND_ALL)
+                collect(texts + texts)
+                with RawViewer() as viewer:
+                    viewer.send(SEND_ALL)
+                    newest = (1 << 20) // len(message(texts[0]))
+                    viewer.expect(b"".join(map(message, texts[-newest:])))
 
     def test_no_descriptor_is_inherited_by_dump_jobs(self):
         with Server() as server, RawViewer() as viewer:
