@@ -2,19 +2,24 @@
 // by openlog, syslog and closelog, one send to the viewer. Stores nothing and survives nothing; a
 // measure for what the server adds.
 //   floor [nolog] [noviewer]   leave a step out
+//   floor check                ask the local log first whether it can take a line
 #include <cstddef>
 #include <cstring>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/select.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 #include <syslog.h>
 
 int main(int argc, char** argv) {
     bool log = true;
     bool forward = true;
+    bool check = false;
     for (int i = 1; i < argc; ++i) {
         log = log && std::strcmp(argv[i], "nolog") != 0;
         forward = forward && std::strcmp(argv[i], "noviewer") != 0;
+        check = check || std::strcmp(argv[i], "check") == 0;
     }
     constexpr unsigned short port = 50000;
     sockaddr_in address{};
@@ -25,6 +30,12 @@ int main(int argc, char** argv) {
     const int tcp = socket(AF_INET, SOCK_STREAM, 0);
     if (bind(udp, generic, sizeof address) != 0 || bind(tcp, generic, sizeof address) != 0 ||
         listen(tcp, 1) != 0) {
+        return 1;
+    }
+    const sockaddr_un logName{AF_UNIX, "/dev/log"};
+    pollfd logQueue{socket(AF_UNIX, SOCK_DGRAM, 0), POLLOUT, 0};
+    if (check &&
+        connect(logQueue.fd, reinterpret_cast<const sockaddr*>(&logName), sizeof logName) != 0) {
         return 1;
     }
     int viewer = -1;
@@ -55,6 +66,9 @@ int main(int argc, char** argv) {
             continue;
         }
         text[length] = '\0';
+        if (check && poll(&logQueue, 1, 0) != 1) {
+            continue;
+        }
         if (log) {
             openlog("sip", LOG_PID, LOG_USER);
             syslog(LOG_INFO, "%s", text);
