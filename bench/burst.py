@@ -34,7 +34,7 @@ def dropped():
     return None
 
 
-def burst(messages):
+def burst(limit, messages):
     with tempfile.TemporaryDirectory() as folder, socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as sender:
         server = subprocess.Popen([os.environ["HVLOGGER"], "server"], cwd=folder, stdout=subprocess.DEVNULL)
         try:
@@ -47,7 +47,7 @@ def burst(messages):
             sender.connect(("127.0.0.1", PORT))
             for _ in range(messages):
                 sender.send(LINE)
-            print(f"net.core.rmem_default {LIMIT.read_text().strip()}: {messages - dropped()} of {messages} messages kept")
+            print(f"net.core.rmem_default {limit}: {messages - dropped()} of {messages} messages kept")
         finally:
             server.kill()
             server.wait()
@@ -56,14 +56,14 @@ def burst(messages):
 def main():
     arguments = sys.argv[1:]
     if arguments[:1] == ["--inside"]:
-        burst(int(arguments[1]))
+        burst(arguments[1], int(arguments[2]))
         return
-    before = LIMIT.read_text()
+    before = LIMIT.read_text().strip()
     raised, = re.findall(r"^net.core.rmem_default = (\d+)$", (TOP / "packaging/60-hvlogger.conf").read_text(), re.M)
     try:
         for limit in before, raised:
             LIMIT.write_text(limit)
-            subprocess.run([TOP / "tests/isolated.sh", sys.executable, "-B", __file__, "--inside", *(arguments or ["20000"])],
+            subprocess.run([TOP / "tests/isolated.sh", sys.executable, "-B", __file__, "--inside", limit, *(arguments or ["20000"])],
                            check=True)
     finally:
         LIMIT.write_text(before)

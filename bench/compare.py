@@ -54,8 +54,7 @@ class System:
     def __enter__(self):
         self.sink = subprocess.Popen([LOAD, "sink", str(self.port)], text=True, bufsize=1,
                                      stdin=subprocess.PIPE, stdout=subprocess.PIPE)
-        if self.port == SINK_PORT:
-            assert self.sink.stdout.readline() == "listening\n"
+        assert self.sink.stdout.readline() == "listening\n"
         self.process = subprocess.Popen(self.command, env=self.environment,
                                         stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         if self.port == SINK_PORT:  # some connect only when they have something to send

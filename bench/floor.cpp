@@ -66,7 +66,7 @@ int main(int argc, char** argv) {
             continue;
         }
         text[length] = '\0';
-        if (check && poll(&logQueue, 1, 0) != 1) {
+        if (check && poll(&logQueue, 1, 20) != 1) {
             continue;
         }
         if (log) {

@@ -161,7 +161,12 @@ int connectViewer(unsigned short port) {
     const sockaddr_in address = local(port);
     const auto* const generic = reinterpret_cast<const sockaddr*>(&address);
     const int fd = socket(AF_INET, SOCK_STREAM, 0);
+    const auto tellReady = [] {
+        std::puts("listening");
+        std::fflush(stdout);
+    };
     if (port == loggerPort) {
+        tellReady();
         while (connect(fd, generic, sizeof address) != 0) {
             sleepUntil(nowNs() + 10'000'000);
         }
@@ -173,8 +178,7 @@ int connectViewer(unsigned short port) {
     if (bind(fd, generic, sizeof address) != 0 || listen(fd, 1) != 0) {
         fail("viewer");
     }
-    std::puts("listening");
-    std::fflush(stdout);
+    tellReady();
     return accept(fd, nullptr, nullptr);
 }
 
