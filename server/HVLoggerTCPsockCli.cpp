@@ -54,7 +54,7 @@ bool HVLoggerTCPsockCli::onReady(std::int64_t nowUs) {
     bool flowing = false;
     while (received > 0 && (continued || fillsSegment()) && bytesArrive(connFd, gapMs)) {
         flowing = rxData.size() >= batchLimit ||
-                  QELselector::nowUs() - nowUs >= batchLimitUs - gapMs * 1000;
+                  QELselector::nowUs() - nowUs >= batchLimitUs - std::int64_t{gapMs} * 1000;
         if (flowing) {
             break;
         }

@@ -70,7 +70,7 @@ struct Impatient : QELselector {
 /// One end of a TCP connection: writable, and once data has come readable or, if the data was sent
 /// with MSG_OOB, in an exceptional condition.
 struct End {
-    std::array<int, 3> fds; // the first is the end
+    std::array<int, 3> fds{}; // the first is the end
     explicit End(const std::string& data = "", int flags = 0) {
         std::ranges::generate(fds, [] { return socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0); });
         sockaddr_in in{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
