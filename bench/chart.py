@@ -41,11 +41,11 @@ class Drawing:
         self.y += BAR + GAP
 
     def legend(self, entries):
-        x = LEFT
+        x = 10
         for name, colour in entries:
             self.parts.append(f'<rect x="{x}" y="{self.y}" width="12" height="12" fill="{colour}"/>')
             self.text(x + 16, self.y + 11, name)
-            x += 30 + 7 * len(name)
+            x += 28 + 7 * len(name)
         self.y += 30
 
     def save(self, path):

@@ -129,7 +129,8 @@ def processor_time(rate):
             count = 3 * rate
             arrived, _ = system.offer(rate, count)
             used = system.processor_seconds() - before
-            return used / count * 1e6 if arrived >= count else float("nan")
+            # A machine that has other things to do now and then drops a few.
+            return used / arrived * 1e6 if arrived > 0.99 * count else float("nan")
     return measure
 
 
@@ -213,6 +214,11 @@ STEPS = [System("receive", [FLOOR, "nolog", "noviewer"], OWN_PORT, sinks=()),
          System("all, log checked", [FLOOR, "check"], OWN_PORT)]
 
 
+def median(rounds):
+    """Of the rounds that told something; nan if none did."""
+    return statistics.median([value for value in rounds if value == value] or [float("nan")])
+
+
 def systems(folder):
     found = [System("floor", [FLOOR], OWN_PORT),
              System("hvlogger", [str(BUILD / "hvlogger"), "server"], OWN_PORT)]
@@ -277,7 +283,7 @@ def main():
                     print(f"round {number + 1}: {', '.join(names)}: {system.name} {measured}",
                           file=sys.stderr)
 
-    medians = {name: {system: statistics.median(rounds) for system, rounds in row.items()}
+    medians = {name: {system: median(rounds) for system, rounds in row.items()}
                for name, row in values.items()}
     print(f"{'median of ' + str(arguments.rounds) + ' (times the floor)':44}" +
           "".join(f"{system.name:>18}" for system in compared))

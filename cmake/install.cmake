@@ -10,7 +10,7 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/hvlogger.1.gz DESTINATION ${CMAKE_INST
 install(FILES packaging/hvlogger.service DESTINATION lib/systemd/system)
 install(FILES packaging/60-hvlogger.conf TYPE DOC)
 install(DIRECTORY docs examples TYPE DOC FILES_MATCHING
-  PATTERN "*.md" PATTERN "*.conf" PATTERN "*.py" PATTERN "*.cpp" PATTERN architecture.md EXCLUDE)
+  PATTERN "*.md" PATTERN performance.svg PATTERN "*.conf" PATTERN "*.py" PATTERN "*.cpp" PATTERN architecture.md EXCLUDE)
 
 # The support library as a package for other projects: headers, static libraries, a CMake package
 # and a pkg-config file. All of it finds its parts from where it lies, so it can be moved.
