@@ -217,13 +217,13 @@ TEST(Parsers, DatesOfEveryFormAndNothingElse) {
                                          {"293877-12-31", "293877-12-31|"}}) {
         EXPECT_EQ(parsed(parseDate, text), expected) << text;
     }
-    for (const char* text :
-         {"293878-1-1", "4294967295-1-1", "1600-12-31", "2024-13-01", "2024-00-01", "2024-01-00",
-          "2024-01-32", "2024-03/05", "2024:03:05", "2024-03-05x", "2024-03-", "2024--05",
-          "March 5 2024", "Mrz 5 2024", "Mar 5 1600", "Mar 5,2024", "Mar   5 2024"}) {
-        EXPECT_EQ(parsed(parseDate, text), "refused") << text;
-    }
-    for (const char* text : {"", "Mar", "Mar 5", "Mar 5 "}) {
+    for (const char* text : {"293878-1-1",   "4294967295-1-1", "1600-12-31",
+                             "2024-13-01",   "2024-00-01",     "2024-01-00",
+                             "2024-01-32",   "2024-03/05",     "2024:03:05",
+                             "2024-03-05x",  "2024-03-",       "2024--05",
+                             "March 5 2024", "Mrz 5 2024",     "Mar 5 1600",
+                             "Mar 5,2024",   "Mar   5 2024",   "",
+                             "Mar",          "Mar 5",          "Mar 5 "}) {
         EXPECT_EQ(parsed(parseDate, text), "refused") << text;
     }
 }
