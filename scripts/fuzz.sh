@@ -15,7 +15,7 @@ cmake -S . -B build-fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DHVLOGGER_F
     -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++
 cmake --build build-fuzz --target fuzz_targets
 
-targets=(fuzz/corpus/*/)
+targets=(tests/fuzz/corpus/*/)
 targets=("${targets[@]%/}")
 targets=("${targets[@]##*/}")
 pids=()
@@ -23,10 +23,10 @@ trap 'kill "${pids[@]}" 2>/dev/null || true' EXIT
 for target in "${targets[@]}"; do
     rm -rf "build-fuzz/findings/$target"
     mkdir -p "build-fuzz/found/$target" "build-fuzz/findings/$target"
-    nice -n 10 "build-fuzz/fuzz/fuzz_$target" -max_total_time="$seconds" -timeout=10 \
-        -rss_limit_mb=2048 -print_final_stats=1 -dict=fuzz/words.dict \
+    nice -n 10 "build-fuzz/tests/fuzz/fuzz_$target" -max_total_time="$seconds" -timeout=10 \
+        -rss_limit_mb=2048 -print_final_stats=1 -dict=tests/fuzz/words.dict \
         -artifact_prefix="build-fuzz/findings/$target/" \
-        "build-fuzz/found/$target" "fuzz/corpus/$target" >"build-fuzz/$target.log" 2>&1 &
+        "build-fuzz/found/$target" "tests/fuzz/corpus/$target" >"build-fuzz/$target.log" 2>&1 &
     pids+=($!)
 done
 

@@ -23,7 +23,7 @@ cmake --preset test
 cmake --build --preset test
 
 step "clang-tidy"
-sources | grep '\.cpp$' | grep -vE '^(bench|fuzz)/' |
+sources | grep '\.cpp$' | grep -vE '^(bench|tests/fuzz)/' |
     xargs -P "$(nproc)" -n 1 clang-tidy --quiet -p build-test
 
 step "Address and undefined-behaviour sanitizers"

@@ -1,5 +1,5 @@
-// What the store does with texts and filters is compared with a reference in fuzz/viewerStore.cpp;
-// here are known texts with their fields, and the files.
+// What the store does with texts and filters is compared with a reference in
+// fuzz/viewerStore.cpp; here are known texts with their fields, and the files.
 
 #include "QELloggerSyslogFmt.h"
 
