@@ -1,6 +1,6 @@
 """Draws docs/viewer.svg: what the viewer shows on a real terminal, with a real server.
 
-    HVLOGGER=build/hvlogger tests/isolated.sh /usr/bin/python3 -B scripts/picture.py FILE
+    HVLOGGER=build/hvlogger tests/support/isolated.sh /usr/bin/python3 -B scripts/picture.py FILE
 
 The log lines carry fixed times, so the picture changes only with the program or with this script.
 """
@@ -10,8 +10,7 @@ import pathlib
 import sys
 import xml.sax.saxutils
 
-sys.path.insert(0, str(pathlib.Path(__file__).parent.parent / "tests" / "e2e"))
-from harness import DEADLINE, MARKER, Server, Viewer, await_true, send_datagrams  # noqa: E402
+from support.harness import DEADLINE, MARKER, Server, Viewer, await_true, send_datagrams
 
 # (seconds after 10:20, program, process id, severity, text), in three parts: stored before the viewer
 # comes, logged while it shows everything, and logged while it shows warnings and worse.

@@ -12,4 +12,4 @@ if [ -z "${HVLOGGER-}" ]; then
     cmake --build --preset release >/dev/null
     export HVLOGGER=$PWD/build/hvlogger
 fi
-exec tests/isolated.sh /usr/bin/python3 -B bench/reliability/soak.py "$@"
+exec tests/support/isolated.sh /usr/bin/python3 -B bench/reliability/soak.py "$@"

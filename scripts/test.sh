@@ -8,7 +8,7 @@ cd "$(dirname "$0")/.."
 
 . scripts/packages.sh
 install_missing g++ cmake ninja-build gzip bsdutils util-linux iproute2 pkg-config \
-    libgtest-dev libgmock-dev clang-format clang-tidy python3 \
+    libgtest-dev libgmock-dev clang-format clang-tidy python3 python3-pytest python3-pexpect \
     dpkg-dev file systemd man-db rsyslog rsyslog-relp nftables openssh-client
 [ "${HVLOGGER_ARM-}" != 1 ] || install_missing g++-arm-linux-gnueabihf qemu-user googletest
 
@@ -56,9 +56,9 @@ cpack --preset static
 export HVLOGGER=$PWD/build/hvlogger
 scripts/soak.sh 40
 if [ -w /proc/sys/net/core/rmem_default ]; then
-    bench/burst.py 6000
+    bench/system/burst.py 6000
 else
-    echo "Skipped: bench/burst.py sets net.core.rmem_default, as root."
+    echo "Skipped: bench/system/burst.py sets net.core.rmem_default, as root."
 fi
 
 step "As shipped"

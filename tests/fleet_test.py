@@ -13,10 +13,10 @@ import subprocess
 import sys
 import time
 
+from support import harness
+from support.harness import await_true
+
 HERE = pathlib.Path(__file__).parent
-sys.path.insert(0, str(HERE / "e2e"))
-import harness  # noqa: E402
-from harness import await_true  # noqa: E402
 
 harness.DEADLINE = 240  # a connection that was cut starts again in its own time
 CONFIGURATIONS = HERE.parent / "examples" / "fleet"

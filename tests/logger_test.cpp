@@ -1,4 +1,3 @@
-#include "../bench/allocations.h"
 #include "QELclock.h"
 #include "QELlogger5.h"
 #include "QELlogger5_3164.h"
@@ -8,6 +7,7 @@
 #include "QELlogger5_ostream.h"
 #include "QELlogger5dev.h"
 #include "QELloggerSyslogFmt.h"
+#include "support/allocations.h"
 
 #include <gtest/gtest.h>
 

@@ -54,8 +54,7 @@ done
 echo "The program runs from there"
 cat >"$work/run.py" <<'PYTHON'
 import sys
-sys.path.insert(0, sys.argv[1])
-from harness import Server, Viewer, message, send_datagrams, shown
+from support.harness import Server, Viewer, message, send_datagrams, shown
 
 with Server(), Viewer() as viewer:
     viewer.expect(Viewer.GREETING)
@@ -64,7 +63,7 @@ with Server(), Viewer() as viewer:
     viewer.keys(b"q")
     assert viewer.wait() == 0
 PYTHON
-HVLOGGER=$root/usr/bin/hvlogger python3 -B "$work/run.py" "$source/tests/e2e"
+HVLOGGER=$root/usr/bin/hvlogger python3 -B "$work/run.py"
 
 if command -v systemd-analyze >/dev/null; then
     echo "Unit"

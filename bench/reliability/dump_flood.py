@@ -1,6 +1,6 @@
 """Dumps under attack: a flood of requests, a planted link or FIFO, a full disk.
 
-    HVLOGGER=build/hvlogger tests/isolated.sh /usr/bin/python3 bench/reliability/dump_flood.py
+    HVLOGGER=build/hvlogger tests/support/isolated.sh /usr/bin/python3 bench/reliability/dump_flood.py
 
 The flood is 1,000 requests in a second, by trigger and by command 2, with a full store; the last part
 mounts a small file system on /tmp.
@@ -11,11 +11,9 @@ import os
 import pathlib
 import select
 import subprocess
-import sys
 import time
 
-sys.path.insert(0, os.path.join(os.path.dirname(__file__), "../../tests/e2e"))
-from harness import MARKER, SEND_ALL, WRITE_FILE, RawViewer, Server, message, send_datagrams  # noqa: E402
+from support.harness import MARKER, SEND_ALL, WRITE_FILE, RawViewer, Server, message, send_datagrams
 
 DUMP = pathlib.Path("/tmp/logger.txt")
 

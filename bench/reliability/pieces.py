@@ -1,6 +1,6 @@
 """Messages in pieces: how many arrive cut at the viewer, and how long a single one takes.
 
-    HVLOGGER=build/hvlogger tests/isolated.sh /usr/bin/python3 bench/reliability/pieces.py
+    HVLOGGER=build/hvlogger tests/support/isolated.sh /usr/bin/python3 bench/reliability/pieces.py
 
 Listings on plain loopback and over links of 100 and 10 Mbit/s with MTU 1500, 5,000 forwarded
 messages a second for 20 s, and the latency of single messages, datagram to output.
@@ -9,11 +9,9 @@ messages a second for 20 s, and the latency of single messages, datagram to outp
 import os
 import select
 import subprocess
-import sys
 import time
 
-sys.path.insert(0, os.path.join(os.path.dirname(__file__), "../../tests/e2e"))
-from harness import MARKER, PROGRAM, Server, message, send_datagrams, shown  # noqa: E402
+from support.harness import MARKER, PROGRAM, Server, message, send_datagrams, shown
 
 
 def settle(output, quiet=1.0):

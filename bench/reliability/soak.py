@@ -15,8 +15,7 @@ import sys
 import threading
 import time
 
-sys.path.insert(0, os.path.join(os.path.dirname(__file__), "../../tests/e2e"))
-from harness import MARKER, PORT, PROGRAM, SEND_ALL, WRITE_FILE, LogDevice, RawViewer, Server, await_true, message  # noqa: E402
+from support.harness import MARKER, PORT, PROGRAM, SEND_ALL, WRITE_FILE, LogDevice, RawViewer, Server, await_true, message
 
 RATE = 2000
 ALLOWED_GROWTH_KIB = 512

@@ -1,6 +1,6 @@
 """A local log daemon that stops reading: what the viewer still sees, and what the log learns of it.
 
-    HVLOGGER=build/hvlogger tests/isolated.sh /usr/bin/python3 bench/reliability/stalled_log.py
+    HVLOGGER=build/hvlogger tests/support/isolated.sh /usr/bin/python3 bench/reliability/stalled_log.py
 
 5,000 datagrams a second for 10 s each: with a reader that reads, with one that stands still and then
 goes on, with one that stands still and is replaced, and without any.
@@ -13,11 +13,9 @@ import re
 import select
 import signal
 import socket
-import sys
 import time
 
-sys.path.insert(0, os.path.join(os.path.dirname(__file__), "../../tests/e2e"))
-from harness import SEND_ALL, RawViewer, Server, cpu_ns, message, send_datagrams  # noqa: E402
+from support.harness import SEND_ALL, RawViewer, Server, cpu_ns, message, send_datagrams
 
 RATE, SECONDS = 5_000, 10
 

@@ -1,19 +1,16 @@
 """A viewer that stops reading: what the server still collects, and what a slow viewer gets.
 
-    HVLOGGER=build/hvlogger tests/isolated.sh /usr/bin/python3 bench/reliability/stalled_viewer.py
+    HVLOGGER=build/hvlogger tests/support/isolated.sh /usr/bin/python3 bench/reliability/stalled_viewer.py
 """
 
-import os
 import pathlib
 import re
 import signal
 import socket
 import subprocess
-import sys
 import time
 
-sys.path.insert(0, os.path.join(os.path.dirname(__file__), "../../tests/e2e"))
-from harness import PORT, PROGRAM, SEND_ALL, RawViewer, Server, message  # noqa: E402
+from support.harness import PORT, PROGRAM, SEND_ALL, RawViewer, Server, message
 
 RATE, SECONDS = 20_000, 10
 

@@ -1,16 +1,13 @@
 """A store filled with the shortest messages and then sent the longest: how far it grows.
 
-    HVLOGGER=build/hvlogger tests/isolated.sh /usr/bin/python3 bench/reliability/store_growth.py
+    HVLOGGER=build/hvlogger tests/support/isolated.sh /usr/bin/python3 bench/reliability/store_growth.py
 """
 
-import os
 import pathlib
 import socket
-import sys
 import time
 
-sys.path.insert(0, os.path.join(os.path.dirname(__file__), "../../tests/e2e"))
-from harness import PORT, Server  # noqa: E402
+from support.harness import PORT, Server
 
 CAPACITY = 1 << 20
 DATAGRAM = 5000

@@ -1,16 +1,13 @@
 """Log text that attacks the terminal: which control bytes reach the screen, and what looking costs.
 
-    HVLOGGER=build/hvlogger tests/isolated.sh /usr/bin/python3 bench/reliability/terminal_text.py
+    HVLOGGER=build/hvlogger tests/support/isolated.sh /usr/bin/python3 bench/reliability/terminal_text.py
 """
 
-import os
 import pathlib
 import re
-import sys
 import time
 
-sys.path.insert(0, os.path.join(os.path.dirname(__file__), "../../tests/e2e"))
-from harness import HYPHENS, MARKER, Server, Viewer, cpu_ns, send_datagrams  # noqa: E402
+from support.harness import HYPHENS, MARKER, Server, Viewer, cpu_ns, send_datagrams
 
 REPEATS = 50
 ATTACKS = {

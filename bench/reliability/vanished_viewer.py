@@ -1,6 +1,6 @@
 """A viewer whose link goes down without a word: how long until the next viewer is served.
 
-    HVLOGGER=build/hvlogger tests/isolated.sh /usr/bin/python3 bench/reliability/vanished_viewer.py
+    HVLOGGER=build/hvlogger tests/support/isolated.sh /usr/bin/python3 bench/reliability/vanished_viewer.py
 
 The viewer is in a network namespace of its own, behind a veth pair that is taken down; another one
 waits on loopback. Once with nothing being logged, once with a message a second.
@@ -12,8 +12,7 @@ import subprocess
 import sys
 import time
 
-sys.path.insert(0, os.path.join(os.path.dirname(__file__), "../../tests/e2e"))
-from harness import PROGRAM, SEND_ALL, RawViewer, Server, await_true, message, send_datagrams  # noqa: E402
+from support.harness import PROGRAM, SEND_ALL, RawViewer, Server, await_true, message, send_datagrams
 
 PATIENCE = 150
 
@@ -62,6 +61,6 @@ if len(sys.argv) > 1:
     measure(sys.argv[1] == "logging")
 else:
     # Each in namespaces of its own: nothing lingers from one to the other.
-    isolated = os.path.join(os.path.dirname(__file__), "../../tests/isolated.sh")
+    isolated = os.path.join(os.path.dirname(__file__), "../../tests/support/isolated.sh")
     for case in "silence", "logging":
         subprocess.run([isolated, sys.executable, "-B", __file__, case], check=True)

@@ -5,7 +5,7 @@ import signal
 import socket
 import subprocess
 
-from harness import (DEADLINE, PORT, PROGRAM, FakeServer, Server, TestCase, Viewer, await_true, failing, listening, main,
+from support.harness import (DEADLINE, PORT, PROGRAM, FakeServer, Server, TestCase, Viewer, await_true, failing, listening,
                      message, sockets)
 
 BANNER = b"***** Halvane logger *****\n"
@@ -84,7 +84,3 @@ class ServerStart(TestCase):
             socket.create_connection(("127.0.0.2", PORT)).close()
             await_true(lambda: b"recv(0)" in server.output, "the server sees that viewer leave")
             self.assertIn(("00000000", PORT), [row[:2] for row in sockets("udp")])
-
-
-if __name__ == "__main__":
-    main()

@@ -8,7 +8,7 @@ import sys
 import tempfile
 import unittest
 
-from harness import LOG_DEVICE_TAKEN, MARKER, PROGRAM, LogDevice, Server, TestCase, main, send_datagrams
+from support.harness import LOG_DEVICE_TAKEN, MARKER, PROGRAM, LogDevice, Server, TestCase, send_datagrams
 
 TOP = pathlib.Path(__file__).parents[2]
 DOCUMENTS = [TOP / "README.md", *sorted((TOP / "docs").glob("*.md"))]
@@ -154,6 +154,3 @@ class Documents(TestCase):
             picture = pathlib.Path(folder, "viewer.svg")
             subprocess.run([sys.executable, "-B", TOP / "scripts/picture.py", picture], check=True)
             self.assertEqual(picture.read_text(), text_of("docs/viewer.svg"))
-
-
-main()

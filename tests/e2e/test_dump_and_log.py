@@ -8,7 +8,7 @@ import tempfile
 import time
 import unittest
 
-from harness import (LOG_DEVICE_TAKEN, MARKER, SEND_ALL, WRITE_FILE, LogDevice, RawViewer, Server, TestCase, await_true, main,
+from support.harness import (LOG_DEVICE_TAKEN, MARKER, SEND_ALL, WRITE_FILE, LogDevice, RawViewer, Server, TestCase, await_true,
                      send_datagrams)
 
 DUMP = pathlib.Path("/tmp/logger.txt")
@@ -127,7 +127,3 @@ class StalledLog(TestCase):
                 self.records(log)
                 viewer.log("five")
                 self.expect(log, "five", "1 line was")
-
-
-if __name__ == "__main__":
-    main()

@@ -5,8 +5,8 @@ import resource
 import socket
 import unittest
 
-from harness import (LOG_DEVICE_TAKEN, MARKER, PROGRAM, SEND_ALL, WRITE_FILE, LogDevice, RawViewer, Server, TestCase,
-                     await_true, idle, main, message, send_datagrams, unread)
+from support.harness import (LOG_DEVICE_TAKEN, MARKER, PROGRAM, SEND_ALL, WRITE_FILE, LogDevice, RawViewer, Server, TestCase,
+                     await_true, idle, message, send_datagrams, unread)
 
 
 class Datagrams(TestCase):
@@ -152,7 +152,3 @@ class ViewerProtocol(TestCase):
             for fd in own:
                 info = pathlib.Path(f"/proc/{server.process.pid}/fdinfo/{fd}").read_text()
                 self.assertTrue(int(info.split("flags:")[1].split()[0], 8) & 0o2000000, fd)
-
-
-if __name__ == "__main__":
-    main()

@@ -9,8 +9,8 @@ import tempfile
 import termios
 import time
 
-from harness import (DEADLINE, HYPHENS, PROGRAM, FakeServer, Server, TestCase, Viewer, expect_stream,
-                     idle, main, message, send_datagrams, shown, wait_for_dump)
+from support.harness import (DEADLINE, HYPHENS, PROGRAM, FakeServer, Server, TestCase, Viewer, expect_stream,
+                     idle, message, send_datagrams, shown, wait_for_dump)
 
 HELP = b"".join(line + b"\r\n" for line in b"""Key Commands:
  ?   : Print this help text
@@ -222,7 +222,3 @@ class Endings(TestCase):
             server.accept()
             self.assertEqual((viewer.wait(), viewer.settings()), (255, viewer.before))
             self.assertEqual(viewer.screen, b"standard output: No space left on device\n")
-
-
-if __name__ == "__main__":
-    main()

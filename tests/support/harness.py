@@ -1,6 +1,6 @@
 """What the end-to-end tests share: the real program, real sockets, a real terminal, a log device.
 
-HVLOGGER names the executable. Ports and paths are the program's fixed ones; tests/isolated.sh gives
+HVLOGGER names the executable. Ports and paths are the program's fixed ones; tests/support/isolated.sh gives
 each test process its own.
 """
 
@@ -21,7 +21,7 @@ import termios
 import time
 import unittest
 
-PROGRAM = os.environ["HVLOGGER"]
+PROGRAM = os.path.abspath(os.environ["HVLOGGER"])
 SHARED = "HVLOGGER_SHARED" in os.environ  # no namespaces: /dev/log may be somebody else's
 LOG_DEVICE_TAKEN = SHARED and (os.path.exists("/dev/log") or not os.access("/dev", os.W_OK))
 PORT = 50000
@@ -350,7 +350,3 @@ def wait_for_dump(folder):
 
 class TestCase(unittest.TestCase):
     maxDiff = None
-
-
-def main():
-    unittest.main(verbosity=2)

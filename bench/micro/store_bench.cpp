@@ -2,7 +2,7 @@
 // items is that of messages.
 
 #include "QELloggerSyslogFmt.h"
-#include "allocations.h"
+#include "support/allocations.h"
 
 #include <benchmark/benchmark.h>
 

@@ -1,7 +1,7 @@
 #!/usr/bin/python3
 """How much of a burst the kernel keeps while the server stands still, by net.core.rmem_default.
 
-    HVLOGGER=$PWD/build/hvlogger bench/burst.py [MESSAGES]
+    HVLOGGER=$PWD/build/hvlogger bench/system/burst.py [MESSAGES]
 
 Stops the server by SIGSTOP, sends it so many datagrams (20000) of 147 bytes as fast as they go, and
 counts those that were not dropped in front of its socket: with the limit as it is, and with that of
@@ -19,7 +19,7 @@ import sys
 import tempfile
 import time
 
-TOP = pathlib.Path(__file__).resolve().parents[1]
+TOP = pathlib.Path(__file__).resolve().parents[2]
 LIMIT = pathlib.Path("/proc/sys/net/core/rmem_default")
 PORT = 50000
 LINE = b"<14>1 2024-03-05T10:20:30.123Z dev01 sip 412 - ".ljust(147, b"x")
@@ -63,7 +63,7 @@ def main():
     try:
         for limit in before, raised:
             LIMIT.write_text(limit)
-            subprocess.run([TOP / "tests/isolated.sh", sys.executable, "-B", __file__, "--inside", limit, *(arguments or ["20000"])],
+            subprocess.run([TOP / "tests/support/isolated.sh", sys.executable, "-B", __file__, "--inside", limit, *(arguments or ["20000"])],
                            check=True)
     finally:
         LIMIT.write_text(before)

@@ -4,7 +4,7 @@
 #include "QELlogger5.h"
 #include "QELlogger5_5424.h"
 #include "QELlogger5_UDP.h"
-#include "allocations.h"
+#include "support/allocations.h"
 
 #include <benchmark/benchmark.h>
 #include <spdlog/spdlog.h>

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """What the viewer costs on a terminal.
 
-    ./bench/viewer.py [--rounds N] [--json FILE]
+    ./bench/system/viewer.py [--rounds N] [--json FILE]
 
 First a full listing on a pty, from starting the viewer to its last byte, beside cat writing the same
 bytes; then single messages at 250 a second, datagram to screen, beside rsyslog writing a file that

@@ -1,5 +1,5 @@
-// A fixed input for bench/instructions.py, which counts what it takes under callgrind. The store is
-// full before anything is counted.
+// A fixed input for bench/micro/instructions.py, which counts what it takes under callgrind. The
+// store is full before anything is counted.
 //   instructions append COUNT   COUNT datagrams into the store alone
 //   instructions cycle COUNT    COUNT cycles of the server, each with one datagram: received,
 //                               stored, passed to /dev/log, sent to a viewer. Takes port 50000 and

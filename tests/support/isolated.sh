@@ -2,6 +2,7 @@
 # isolated.sh COMMAND...: runs a command with ports, /tmp and /dev/log of its own, so that it neither
 # meets nor disturbs anything else on the machine. Where the system does not allow that, the command
 # runs as it is, with HVLOGGER_SHARED=1 in its environment.
+# Python finds tests/support as the package "support".
 set -eu
 
 if [ "${1-}" = --inside ]; then
@@ -27,6 +28,8 @@ if [ "${1-}" = --inside ]; then
     exec "$@"
 fi
 
+PYTHONPATH=$(cd "$(dirname "$0")/.." && pwd)${PYTHONPATH:+:$PYTHONPATH}
+export PYTHONPATH
 for spaces in "--net --mount" "--user --map-root-user --net --mount"; do
     # shellcheck disable=SC2086 # the options are words
     if unshare $spaces --propagation private "$0" --inside true 2>/dev/null; then

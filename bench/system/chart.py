@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Draws docs/performance.svg from what compare.py measured.
 
-    ./bench/compare.py --json FILE && ./bench/chart.py FILE
+    ./bench/system/compare.py --json FILE && ./bench/system/chart.py FILE
 
 Above, where the processor time of one message goes in the server; below, the processor time of one
 message in each system.
@@ -10,7 +10,7 @@ import json
 import pathlib
 import sys
 
-OUT = pathlib.Path(__file__).resolve().parent.parent / "docs" / "performance.svg"
+OUT = pathlib.Path(__file__).resolve().parents[2] / "docs" / "performance.svg"
 WIDTH, LEFT, BAR, GAP = 760, 110, 26, 12
 COLOURS = ["#4c78a8", "#72b7b2", "#9ecae9", "#bab0ac", "#f58518"]
 RATE = "processor time at {},000/s, us a message"

@@ -2,7 +2,7 @@
 """Counts the instructions of one append into a full store and of one server cycle, the same on every
 run and whatever else the machine does, for comparing one version with the next.
 
-    ./bench/instructions.py
+    PYTHONPATH=bench/system ./bench/micro/instructions.py
 
 Needs valgrind. Runs in private network and mount namespaces.
 """
@@ -18,7 +18,7 @@ COUNTED = {"append": "QELloggerSyslogFmt::append(*", "cycle": "QELselector::runO
 def count(mode, times):
     run = subprocess.run(
         ["valgrind", "--tool=callgrind", "--callgrind-out-file=/dev/null",
-         f"--toggle-collect={COUNTED[mode]}", str(compare.BUILD / "bench" / "instructions"), mode,
+         f"--toggle-collect={COUNTED[mode]}", str(compare.BUILD / "bench/micro/instructions"), mode,
          str(times)], check=True, capture_output=True, text=True)
     return int(re.search(r"Collected : (\d+)", run.stderr)[1])
 

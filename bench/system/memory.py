@@ -2,7 +2,7 @@
 """What the server keeps in memory: resident bytes per stored byte with a full store of 100-byte
 messages, and whether they grow from one million datagrams to ten.
 
-    ./bench/memory.py
+    ./bench/system/memory.py
 
 Run as root, on an idle machine; takes about six minutes. Everything happens in private network and
 mount namespaces.

@@ -1,5 +1,5 @@
-// What bench/compare.py and its neighbours put around a log collector, cheap enough not to be the
-// bottleneck on two cores. Each message carries when it was sent (CLOCK_MONOTONIC).
+// What bench/system/compare.py and its neighbours put around a log collector, cheap enough not to
+// be the bottleneck on two cores. Each message carries when it was sent (CLOCK_MONOTONIC).
 //   load send RATE COUNT [LENGTH]
 //                          COUNT messages of LENGTH (147) bytes to port 50000 at RATE a second;
 //                          RATE 0: as one burst

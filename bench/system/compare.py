@@ -1,10 +1,10 @@
 #!/usr/bin/env python3
-"""Compares hvlogger with rsyslog, syslog-ng and the floor (bench/floor.cpp), each doing the same
+"""Compares hvlogger with rsyslog, syslog-ng and the floor (bench/system/floor.cpp), each doing the same
 work: UDP messages in, every one to the local log socket and to one TCP viewer.
 
-    ./bench/compare.py [--rounds N] [--json FILE]
+    ./bench/system/compare.py [--rounds N] [--json FILE]
 
-Run as root, on an idle machine, after bench/peers.sh; builds what it measures. Everything happens in
+Run as root, on an idle machine, after bench/system/peers.sh; builds what it measures. Everything happens in
 private network and mount namespaces. Prints medians over the rounds and ratios to the floor.
 """
 import argparse
@@ -18,9 +18,9 @@ import sys
 import tempfile
 import time
 
-ROOT = pathlib.Path(__file__).resolve().parent.parent
+ROOT = pathlib.Path(__file__).resolve().parents[2]
 BUILD = ROOT / "build-bench"
-LOAD = str(BUILD / "bench" / "load")
+LOAD = str(BUILD / "bench/system/load")
 OWN_PORT, SINK_PORT = 50000, 50001
 INSIDE = "HVLOGGER_INSIDE"  # set in the namespaces: the descriptor of RMEM
 RMEM = "/proc/sys/net/core/rmem_default"
@@ -207,7 +207,7 @@ ROWS = [
 ]
 
 
-FLOOR = str(BUILD / "bench" / "floor")
+FLOOR = str(BUILD / "bench/system/floor")
 # The floor with steps left out: the differences tell what each step costs.
 STEPS = [System("receive", [FLOOR, "nolog", "noviewer"], OWN_PORT, sinks=()),
          System("receive, log", [FLOOR, "noviewer"], OWN_PORT, sinks=(0,)),
@@ -258,7 +258,7 @@ def enter_namespaces(script):
     descriptor = os.open(RMEM, os.O_WRONLY)
     os.set_inheritable(descriptor, True)
     os.environ[INSIDE] = str(descriptor)
-    os.execv(ROOT / "tests" / "isolated.sh",
+    os.execv(ROOT / "tests/support/isolated.sh",
              ["isolated.sh", sys.executable, "-B", script, *sys.argv[1:]])
 
 
