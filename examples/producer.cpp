@@ -79,14 +79,14 @@ int main(int argc, char** argv) {
     if (sender.socket.fd < 0) {
         return fail("no socket to log with");
     }
-    logger.maxSeverity = 7; // debug lines too
+    logger.maxSeverity = sevDebug; // debug lines too
     std::uint32_t round = 0;
     do {
         if (round > 0) {
             std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
         }
         ++round;
-        for (int severity = 0; severity < 8; ++severity) {
+        for (int severity = sevEmergency; severity <= sevDebug; ++severity) {
             std::ostream& out = logger.stream(severity);
             out.clear(); // a line that could not be sent is lost, the next one is tried
             out << events[static_cast<std::size_t>(severity)] << ", event " << round << std::flush;

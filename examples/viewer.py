@@ -1,5 +1,7 @@
 import re, socket, sys
 
+if len(sys.argv) != 2:
+    sys.exit("usage: viewer.py ADDRESS")
 server = socket.create_connection((sys.argv[1], 50000))
 server.sendall(b"\1\0\0\0")  # everything stored; what is new follows without being asked for
 text, arrived = b"", b" "

@@ -18,8 +18,10 @@ int QELlogger5::Streamer::sync() {
 }
 
 QELlogger5::QELlogger5()
-    : streamers{Streamer(this, 0), Streamer(this, 1), Streamer(this, 2), Streamer(this, 3),
-                Streamer(this, 4), Streamer(this, 5), Streamer(this, 6), Streamer(this, 7)} {}
+    : streamers{Streamer(this, sevEmergency), Streamer(this, sevAlert),
+                Streamer(this, sevCritical),  Streamer(this, sevError),
+                Streamer(this, sevWarning),   Streamer(this, sevNotice),
+                Streamer(this, sevInfo),      Streamer(this, sevDebug)} {}
 
 void QELlogger5::setup(std::string_view newHostName, std::string_view newAppName,
                        const Formatter* newFormatter, Sender* newSender) {
@@ -30,7 +32,7 @@ void QELlogger5::setup(std::string_view newHostName, std::string_view newAppName
 }
 
 std::ostream& QELlogger5::stream(int severity) {
-    return streamers[static_cast<std::size_t>(std::clamp(severity, 0, 7))];
+    return streamers[static_cast<std::size_t>(std::clamp<int>(severity, sevEmergency, sevDebug))];
 }
 
 int QELlogger5::log(std::string_view text, int severity) const {

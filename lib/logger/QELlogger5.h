@@ -9,19 +9,30 @@
 #include <string>
 #include <string_view>
 
+/// How severe a statement is: the scale of syslog (RFC 5424, table 2).
+enum QELseverity : std::int32_t {
+    sevEmergency, ///< the system is unusable
+    sevAlert,     ///< action must be taken at once
+    sevCritical,  ///< a critical condition
+    sevError,     ///< an error
+    sevWarning,   ///< a warning
+    sevNotice,    ///< normal but significant
+    sevInfo,      ///< informational
+    sevDebug      ///< for those who look for a fault
+};
+
 /// The logger of a process: turns each log statement into one syslog line and hands it to a
 /// transport. Owns neither its formatter nor its sender: both must outlive the last statement, and
 /// the logger the last use of its streams.
 ///
 /// The way of a statement:
-///  1. The process writes it to the stream of a severity and flushes: stream(6) << "up" <<
-///  std::endl.
+///  1. The process writes it to the stream of a severity and flushes:
+///     `stream(sevInfo) << "up" << std::endl`.
 ///  2. The flush hands everything written since the last one to log().
 ///  3. log() drops it if it is less severe than `maxSeverity`.
 ///  4. The formatter makes one line of it, the sender transports the line.
 ///
-/// Severities are those of syslog (RFC 5424, table 2): 0 emergency, 1 alert, 2 critical, 3 error,
-/// 4 warning, 5 notice, 6 informational, 7 debug.
+/// A severity is one of QELseverity; a plain number will do as well.
 ///
 /// A logger with its streams and its sender belongs to one thread at a time. Nothing here throws,
 /// except that memory may run out.
@@ -81,8 +92,8 @@ class QELlogger5 {
     void setup(std::string_view newHostName, std::string_view newAppName,
                const Formatter* newFormatter, Sender* newSender);
 
-    /// The stream whose flushes log at @p severity; a severity below 0 counts as 0, one above 7
-    /// as 7. A failed statement leaves this one stream bad, until the caller calls clear() on it.
+    /// The stream whose flushes log at @p severity; one below 0 counts as 0, one above 7 as 7. A
+    /// failed statement leaves this one stream bad, until the caller calls clear() on it.
     std::ostream& stream(int severity);
 
     /// Logs one statement.
@@ -101,5 +112,5 @@ class QELlogger5 {
     std::string appName;                  ///< this process's name in the line
     const Formatter* formatter = nullptr; ///< not owned
     Sender* sender = nullptr;             ///< not owned
-    std::int32_t maxSeverity = 6;         ///< statements above it are dropped: debug, by default
+    std::int32_t maxSeverity = sevInfo;   ///< statements above it are dropped: debug, by default
 };
