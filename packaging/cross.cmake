@@ -3,6 +3,7 @@
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_C_COMPILER ${target}-gcc)
 set(CMAKE_CXX_COMPILER ${target}-g++)
+set(CMAKE_LIBRARY_ARCHITECTURE ${target})
 
 # Programs are this machine's; headers, libraries and packages the target's.
 set(CMAKE_FIND_ROOT_PATH /usr/${target})
