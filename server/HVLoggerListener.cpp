@@ -10,6 +10,8 @@ namespace {
 constexpr const char* logDevice = "/dev/log";
 /// What a text without a readable priority is logged with: RFC 3164, 4.3.3.
 constexpr int defaultPriority = LOG_USER | LOG_NOTICE;
+/// What of a priority says something. For more the C library would log a complaint of its own.
+constexpr int priorityBits = LOG_FACMASK | LOG_PRIMASK;
 
 } // namespace
 
@@ -49,7 +51,7 @@ void HVLoggerListener::onLogMessage(const char* text, int /*length*/) {
     getText(datagram, messageText);
     const int priority = parsePriority(datagram, facility, severity);
     getAppName(datagram, identity);
-    localLog.pass(messageText, identity, priority < 0 ? defaultPriority : priority);
+    localLog.pass(messageText, identity, priority < 0 ? defaultPriority : priority & priorityBits);
 
     if (mediator != nullptr) {
         mediator->notify(idTcpServer, msgNewMessage, nullptr);

@@ -19,9 +19,7 @@ int QELlogger5_DEV::send(std::string_view line) {
 int QELlogger5_DEV::syslogRaw(const std::string& text, const std::string& identity, int priority) {
     // The C library keeps the pointer to the identity until closelog().
     openlog(identity.c_str(), LOG_PID | LOG_NDELAY | LOG_NOWAIT, LOG_USER);
-    // Beyond these bits the C library would log a complaint of its own under the same name.
-    constexpr int priorityBits = LOG_FACMASK | LOG_PRIMASK;
-    syslog(priority & priorityBits, "%s", text.c_str()); // NOLINT(*-vararg): syslog(3) is
+    syslog(priority, "%s", text.c_str()); // NOLINT(*-vararg): syslog(3) is
     closelog();
     return 0;
 }

@@ -21,7 +21,8 @@ class QELlogger5_DEV : public QELlogger5::Sender {
 
     /// Logs @p text, which counts up to its first NUL, through syslog(3) under the program name
     /// @p identity and with this process's id. Replaces what the process set with openlog(3).
-    /// @param priority  facility and severity; facility 0 stands for LOG_USER
+    /// @param priority  facility and severity; facility 0 stands for LOG_USER. For bits beyond the
+    ///                  two (1024 and more) the C library logs a complaint of its own first
     /// @return 0, whether or not the system log can be reached
     static int syslogRaw(const std::string& text, const std::string& identity, int priority);
 
