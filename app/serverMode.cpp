@@ -38,6 +38,9 @@ int runServer(std::uint32_t address, const std::vector<std::string>& programName
         std::cout << "Cannot listen at logger port " << loggerPort << std::endl;
         return -1;
     }
+    // A whole burst before other descriptors are looked at, but never a wait for one datagram more.
+    logServer.datagramsAtOnce = 64;
+    logServer.socket.setBlocking(false);
 
     HVLoggerMediator mediator;
     HVLoggerListener listener(&mediator);

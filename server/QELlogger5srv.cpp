@@ -9,9 +9,20 @@ int QELlogger5srv::open(std::uint16_t port) {
 }
 
 const char* QELlogger5srv::receive(int* length) {
-    const int count = socket.recvFrom(rxBuffer.get(), receiveLimit);
+    const int count = read();
     if (count < 1) {
         return nullptr;
+    }
+    if (length != nullptr) {
+        *length = count;
+    }
+    return rxBuffer.get();
+}
+
+int QELlogger5srv::read() {
+    const int count = socket.recvFrom(rxBuffer.get(), receiveLimit);
+    if (count < 1) {
+        return count;
     }
     char& last = rxBuffer[static_cast<std::size_t>(count) - 1];
     if (last == '\n') {
@@ -19,8 +30,5 @@ const char* QELlogger5srv::receive(int* length) {
     } else {
         rxBuffer[static_cast<std::size_t>(count)] = '\0';
     }
-    if (length != nullptr) {
-        *length = count;
-    }
-    return rxBuffer.get();
+    return count;
 }

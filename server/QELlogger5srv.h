@@ -22,11 +22,16 @@ class QELlogger5srv {
     ///         printed its report line
     int open(std::uint16_t port);
 
-    /// Waits for one datagram and reads it; what it holds beyond receiveLimit is lost. One line
-    /// feed at its end is removed.
+    /// Waits for one datagram, unless the socket was told not to block, and reads it; what it holds
+    /// beyond receiveLimit is lost. One line feed at its end is removed.
     /// @param length  if given, receives the number of bytes read, a removed line feed included;
     ///                unchanged when nothing was read
     /// @return the zero-terminated text, valid until the next call; null when the read failed or
     ///         yielded nothing
     const char* receive(int* length = nullptr);
+
+  protected:
+    /// The same, with the text left in rxBuffer.
+    /// @return bytes read, 0 for an empty datagram; the negative code of QELsockBase
+    int read();
 };

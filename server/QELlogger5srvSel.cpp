@@ -3,9 +3,14 @@
 #include <iostream>
 
 bool QELlogger5srvSel::onReady(std::int64_t /*nowUs*/) {
-    int length = 0;
-    if (const char* text = receive(&length)) {
-        onMessage(text, length);
+    for (unsigned datagrams = 0; datagrams < datagramsAtOnce; ++datagrams) {
+        const int length = read();
+        if (length < 0) {
+            break; // nothing more is waiting, or a passing error
+        }
+        if (length > 0) {
+            onMessage(rxBuffer.get(), length);
+        }
     }
     return true;
 }

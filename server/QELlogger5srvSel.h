@@ -5,8 +5,8 @@
 
 #include <cstdint>
 
-/// A log server driven by the dispatcher: reads one datagram each time its socket is readable and
-/// hands it to a listener, which it does not own.
+/// A log server driven by the dispatcher: reads a datagram, or several, each time its socket is
+/// readable and hands each to a listener, which it does not own.
 class QELlogger5srvSel : public QELlogger5srv, public QELselRcv {
   public:
     /// Takes the received datagrams.
@@ -24,8 +24,13 @@ class QELlogger5srvSel : public QELlogger5srv, public QELselRcv {
 
     Listener* listener = nullptr; ///< set by the owner; must outlive this server
 
-    /// Reads one datagram and passes it to onMessage(). A read that yields nothing (an empty
-    /// datagram, a passing error) is no reason to stop: always true.
+    /// How many datagrams one call of onReady() reads at most. More than one is for a socket that
+    /// does not block (QELsockBase::setBlocking()): the read after the last one would wait.
+    unsigned datagramsAtOnce = 1;
+
+    /// Reads what is waiting, at most datagramsAtOnce, and passes each datagram to onMessage()
+    /// before it reads the next. Empty ones are left out. A read that yields nothing is no reason
+    /// to stop watching: always true.
     bool onReady(std::int64_t nowUs) override;
 
     /// Hands the text to the listener, or without one prints it as a line on standard output.
