@@ -2,10 +2,17 @@
 
 #include "QELsockaddr4.h"
 
+#include <sys/socket.h>
+
 int QELlogger5srv::open(std::uint16_t port) {
     const QELsockaddr4 address = QELsockaddr4::any(port);
-    const int opened = socket.open(address.family());
-    return opened != 0 ? opened : socket.bind(address);
+    if (const int opened = socket.open(address.family()); opened != 0) {
+        return opened;
+    }
+    if (socket.setOption(SOL_SOCKET, SO_RCVBUFFORCE, &receiveBuffer, sizeof receiveBuffer) != 0) {
+        socket.setOption(SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer);
+    }
+    return socket.bind(address);
 }
 
 const char* QELlogger5srv::receive(int* length) {

@@ -12,12 +12,17 @@ class QELlogger5srv {
   public:
     static constexpr unsigned receiveLimit = 5000; ///< bytes taken from one datagram at most
 
+    /// Bytes of receive buffer that open() asks the kernel for: room for a burst of some thousand
+    /// lines. Memory is taken only by what waits.
+    static constexpr int receiveBuffer = 0x400000;
+
     QELsockBase socket; ///< closed until open()
 
     /// One datagram and its terminating NUL.
     std::unique_ptr<char[]> rxBuffer = std::make_unique<char[]>(receiveLimit + 1);
 
-    /// Opens the socket and binds it to @p port on every IPv4 interface.
+    /// Opens the socket and binds it to @p port on every IPv4 interface. Of the receive buffer it
+    /// has what the kernel gives: all of it to root, others at most net.core.rmem_max.
     /// @return 0, or the negative code of QELsockBase from the step that failed; a failed bind has
     ///         printed its report line
     int open(std::uint16_t port);
