@@ -9,87 +9,64 @@
 #include <iostream>
 #include <string>
 
-namespace {
-
-void perform(QELloggerSyslogFmt& store, int messageType, void* payload) {
-    switch (messageType) {
-    case msgAddMessages:
-        store.append(*static_cast<const std::string*>(payload));
-        break;
-    case msgReloadAll:
-        store.clear();
-        break;
-    case msgSetSeverity:
-        store.setMaxSeverity(
-            static_cast<std::uint32_t>(*static_cast<const std::int32_t*>(payload)));
-        break;
-    case msgGetFormatted:
-        store.allMessages(*static_cast<std::string*>(payload), true);
-        break;
-    case msgWriteFile:
-        store.dumpToFile(static_cast<const char*>(payload));
-        break;
-    case msgEnableComponent:
-        store.enableComponent(*static_cast<const std::string*>(payload));
-        break;
-    case msgEnableAll:
-        store.setAllComponents(true);
-        break;
-    case msgDisableComponent:
-        store.disableComponent(*static_cast<const std::string*>(payload));
-        break;
-    case msgDisableAll:
-        store.setAllComponents(false);
-        break;
-    case msgGetAllRaw:
-        store.allMessages(*static_cast<std::string*>(payload), false);
-        break;
-    case msgGetNewestRaw:
-        if (!store.messages.empty()) {
-            *static_cast<std::string*>(payload) = store.newestRaw();
-        }
-        break;
-    default:
-        break;
-    }
-}
-
-void reportMissing(int id) {
-    std::cout << "No valid object with id: " << id << "\r\n";
-}
-
-} // namespace
-
 void HVLoggerMediator::notify(int destinationId, int messageType, void* payload) {
     if (messageType < msgAddMessages || messageType > msgTriggerRemoteDump) {
         return;
     }
-    if (messageType == msgNewMessage) {
-        if (void* server = getComponent(destinationId)) {
-            static_cast<HVLoggerTCPsockSrv*>(server)->forwardNewest();
-        } else {
-            reportMissing(destinationId);
-        }
+    const auto type = static_cast<HVLoggerMsgType>(messageType);
+    const bool forTcp = type == msgNewMessage || type == msgTriggerRemoteDump;
+    QELloggerSyslogFmt* const store = forTcp ? nullptr : storeOf(destinationId);
+    void* const destination = forTcp ? getComponent(destinationId) : store;
+    if (destination == nullptr) {
+        std::cout << "No valid object with id: " << destinationId << "\r\n";
         return;
     }
-    if (messageType == msgTriggerRemoteDump) {
-        if (void* client = getComponent(destinationId)) {
-            static_cast<HVLoggerTCPsockCli*>(client)->requestDump();
-        } else {
-            reportMissing(destinationId);
-        }
-        return;
-    }
-    QELloggerSyslogFmt* store = storeOf(destinationId);
-    if (store == nullptr) {
-        reportMissing(destinationId);
-        return;
-    }
-    perform(*store, messageType, payload);
-    if (messageType == msgReloadAll) {
+    auto* const text = static_cast<std::string*>(payload); // what most types carry
+    switch (type) {
+    case msgAddMessages:
+        store->append(*text);
+        break;
+    case msgReloadAll:
+        store->clear();
         if (void* client = getComponent(idTcpClient)) {
             static_cast<HVLoggerTCPsockCli*>(client)->requestAll();
         }
+        break;
+    case msgSetSeverity:
+        store->setMaxSeverity(static_cast<std::uint32_t>(*static_cast<std::int32_t*>(payload)));
+        break;
+    case msgGetFormatted:
+        store->allMessages(*text, true);
+        break;
+    case msgWriteFile:
+        store->dumpToFile(static_cast<const char*>(payload));
+        break;
+    case msgEnableComponent:
+        store->enableComponent(*text);
+        break;
+    case msgEnableAll:
+        store->setAllComponents(true);
+        break;
+    case msgDisableComponent:
+        store->disableComponent(*text);
+        break;
+    case msgDisableAll:
+        store->setAllComponents(false);
+        break;
+    case msgGetAllRaw:
+        store->allMessages(*text, false);
+        break;
+    case msgGetNewestRaw:
+        if (!store->messages.empty()) {
+            *text = store->newestRaw();
+        }
+        break;
+    case msgNewMessage:
+        static_cast<HVLoggerTCPsockSrv*>(destination)->forwardNewest();
+        break;
+    case msgTriggerRemoteDump:
+        static_cast<HVLoggerTCPsockCli*>(destination)->requestDump();
+        break;
     }
 }
 
