@@ -4,22 +4,13 @@
 #include <array>
 #include <charconv>
 #include <cstddef>
-#include <cstdio>
-#include <cstdlib>
-#include <fcntl.h>
 #include <iostream>
 #include <limits>
-#include <memory>
 #include <optional>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
 #include <utility>
 
 namespace {
 
-constexpr const char* temporaryDump = "/tmp/logger.txt";
-constexpr const char* compressedDump = "/tmp/logger.txt.gz";
 constexpr std::string_view textMark = " - ";
 
 // Positions of the fields, counted in blanks from the start of the message.
@@ -61,79 +52,6 @@ void appendLine(const QELloggerSyslogMsg& record, std::string& out) {
     const auto end = std::to_chars(severity.begin(), severity.end(), record.severity).ptr;
     out.append(record.timestamp).append(record.appName).append(1, ' ').append(record.procId);
     out.append(1, '-').append(severity.begin(), end).append(": ").append(record.text);
-}
-
-/// Owns a Unix-domain datagram socket, by which the end of a background job is noticed without
-/// keeping a descriptor or a process for it: the job inherits a socket that has a name, and the
-/// name is in use until the last process of the job has ended.
-class JobSocket {
-  public:
-    explicit JobSocket(int flags) : fd(::socket(AF_UNIX, SOCK_DGRAM | flags, 0)) {}
-    ~JobSocket() {
-        if (fd >= 0) {
-            ::close(fd);
-        }
-    }
-    JobSocket(const JobSocket&) = delete;
-    JobSocket& operator=(const JobSocket&) = delete;
-
-    /// Takes a name of the kernel's choice (unix(7), autobind). @return the name; empty on failure
-    [[nodiscard]] std::string takeName() const {
-        sockaddr_un address{AF_UNIX, {}};
-        socklen_t length = pathOffset;
-        if (::bind(fd, generic(address), length) != 0) {
-            return {};
-        }
-        length = sizeof address;
-        return ::getsockname(fd, generic(address), &length) == 0
-                   ? std::string(address.sun_path, length - pathOffset)
-                   : std::string();
-    }
-
-    /// Whether some socket has the name.
-    [[nodiscard]] bool finds(const std::string& name) const {
-        sockaddr_un address{AF_UNIX, {}};
-        name.copy(address.sun_path, sizeof address.sun_path);
-        const auto length = static_cast<socklen_t>(pathOffset + name.size());
-        return ::connect(fd, generic(address), length) == 0;
-    }
-
-  private:
-    static constexpr socklen_t pathOffset = offsetof(sockaddr_un, sun_path);
-
-    static sockaddr* generic(sockaddr_un& address) { return reinterpret_cast<sockaddr*>(&address); }
-
-    int fd;
-};
-
-/// Whether the job has not yet moved the dump to its place. Once none of its files is left, it only
-/// has to end; when files are left over from a job that failed, the name tells.
-bool jobIsBusy(const std::string& jobName) {
-    return !jobName.empty() &&
-           (::access(temporaryDump, F_OK) == 0 || ::access(compressedDump, F_OK) == 0) &&
-           JobSocket(SOCK_CLOEXEC).finds(jobName);
-}
-
-struct FileCloser {
-    // NOLINTNEXTLINE(cppcoreguidelines-owning-memory): called by the owner
-    void operator()(std::FILE* file) const { std::fclose(file); }
-};
-using File = std::unique_ptr<std::FILE, FileCloser>;
-
-/// Opens a file for writing that may lie where everybody can plant something: neither a symbolic
-/// link is followed nor a FIFO waited for.
-File create(const char* path) {
-    constexpr int flags = O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
-    constexpr mode_t everybody = 0666; // less the umask, as fopen(3)
-    const int fd = ::open(path, flags, everybody);
-    if (fd < 0) {
-        return nullptr;
-    }
-    File file(::fdopen(fd, "w"));
-    if (!file) {
-        ::close(fd);
-    }
-    return file;
 }
 
 } // namespace
@@ -258,39 +176,16 @@ std::size_t QELloggerSyslogFmt::allMessages(std::string& out, bool formatted) co
     return out.size();
 }
 
-std::string_view QELloggerSyslogFmt::newestRaw() const {
-    return messages.empty() ? std::string_view{} : messages.back().raw;
+std::string QELloggerSyslogFmt::newestRaw() const {
+    return messages.empty() ? std::string() : messages.back().raw;
 }
 
 int QELloggerSyslogFmt::writeFile(const char* path) const {
-    File file = create(path);
-    if (!file) {
-        return fileNotOpened;
-    }
-    for (const QELloggerSyslogMsg& record : messages) {
-        const std::size_t length = record.raw.size();
-        if (std::fwrite(record.raw.data(), 1, length, file.get()) != length ||
-            std::fputc('\n', file.get()) == EOF) {
-            return fileShort;
-        }
-    }
-    // Closing writes what is still buffered.
-    return std::fclose(file.release()) == 0 ? fileWritten : fileShort;
+    return QELloggerDump::write(messages, path);
 }
 
 int QELloggerSyslogFmt::dumpToFile(const char* target) {
-    if (jobIsBusy(jobName)) {
-        return fileBusy;
-    }
-    const int written = writeFile(temporaryDump);
-    if (written != fileWritten) {
-        return written;
-    }
-    const std::string command = std::string("(gzip -f ") + temporaryDump + "; mv " + temporaryDump +
-                                ".gz " + target + ".gz) &";
-    const JobSocket inherited(0);
-    jobName = inherited.takeName();
-    return std::system(command.c_str()) == 0 ? fileWritten : fileNotCompressed;
+    return dump.start(messages, target);
 }
 
 bool QELloggerSyslogFmt::findHeader(std::string_view text, std::size_t& offset,

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "QELloggerDump.h"
 #include "QELloggerSyslogMsg.h"
 
 #include <cstddef>
@@ -30,15 +31,6 @@ class QELloggerSyslogFmt {
     static constexpr std::uint32_t defaultCapacity = 0x100000; ///< 1 MiB
     static constexpr std::size_t facilityCount = 24;           ///< RFC 5424, table 1
     static constexpr std::uint32_t severityCount = 8;          ///< RFC 5424, table 2
-
-    /// Results of writeFile() and dumpToFile().
-    enum FileResult : int {
-        fileWritten = 0,        ///< written, and for a dump its compression started
-        fileNotOpened = -1,     ///< the file could not be opened
-        fileShort = -2,         ///< not all could be written: the file is closed and incomplete
-        fileNotCompressed = -3, ///< the shell could not be run or failed
-        fileBusy = -4           ///< not begun: the last dump is still being compressed
-    };
 
     std::list<QELloggerSyslogMsg> messages;              ///< oldest first
     std::uint32_t capacity = defaultCapacity;            ///< byte cap of the store
@@ -90,21 +82,17 @@ class QELloggerSyslogFmt {
     std::size_t allMessages(std::string& out, bool formatted) const;
 
     /// The raw text of the newest message, whether or not it passes the filters; empty if the store
-    /// is. Valid until the store changes.
-    [[nodiscard]] std::string_view newestRaw() const;
+    /// is.
+    [[nodiscard]] std::string newestRaw() const;
 
-    /// Writes the raw text of every stored message, unfiltered, oldest first, each followed by a
-    /// line feed, to the file @p path, which is created or truncated. A symbolic link at @p path,
-    /// or a FIFO that nobody reads, counts as a file that cannot be opened.
-    /// @return fileWritten, fileNotOpened or fileShort
+    /// Writes all messages, unfiltered, oldest first, to the file @p path: QELloggerDump::write().
+    /// @return a QELloggerDump::Result
     int writeFile(const char* path) const;
 
-    /// Writes all messages to "/tmp/logger.txt" and has a shell in the background compress it with
-    /// gzip and move it to @p target with ".gz" appended; the result tells only that this was
-    /// started. A relative target lands in the working directory. As long as this store's last dump
-    /// is not in its place, a further request does nothing: it would rewrite the file under gzip.
-    /// @param target  goes into the shell command unquoted: no blanks, no shell metacharacters
-    /// @return a FileResult; no command is run unless the file was written
+    /// Writes all messages to a file and has it compressed in the background:
+    /// QELloggerDump::start(). The result tells only that this was started. A relative @p target
+    /// lands in the working directory.
+    /// @return a QELloggerDump::Result
     int dumpToFile(const char* target);
 
     // Extraction. None touches the store; each leaves its outputs unchanged on failure.
@@ -139,5 +127,5 @@ class QELloggerSyslogFmt {
     void store(QELloggerSyslogMsg&& record);
     void setComponent(std::string_view name, bool value);
 
-    std::string jobName; ///< socket name in use while the last dump's job runs; empty before
+    QELloggerDump dump;
 };

@@ -42,7 +42,6 @@ class Dump(TestCase):
             viewer.send(SEND_ALL)
             viewer.log(*[f"before {n}" for n in range(100)])
             before = viewer.received.replace(b"<14>1", b"\n<14>1")[1:] + b"\n"
-            descriptors = server.descriptors()
             send_datagrams(MARKER)
             await_true(started.exists, "the job begins")
             for n in range(10):
@@ -51,6 +50,7 @@ class Dump(TestCase):
                     viewer.send(WRITE_FILE)
                 viewer.log(f"during {n}")
             self.assertEqual(started.read_text(), "\n")
+            descriptors = server.descriptors()  # the one that tells the job's end is kept
             held.unlink()
             self.assertEqual(server.dump(), before)
             # One after the other they work, also the moment that the last dump is there.
