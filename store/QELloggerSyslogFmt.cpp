@@ -7,11 +7,11 @@
 #include <iostream>
 #include <limits>
 #include <optional>
-#include <utility>
 
 namespace {
 
 constexpr std::string_view textMark = " - ";
+constexpr std::string_view lineEnd = "\r\n";
 
 // Positions of the fields, counted in blanks from the start of the message.
 constexpr int timestampToken = 1;
@@ -67,29 +67,35 @@ void QELloggerSyslogFmt::addComponents(std::uint32_t newCapacity,
 }
 
 void QELloggerSyslogFmt::append(std::string_view text) {
+    std::string echo; // written at once: a listing is thousands of lines
     for (bool more = true; more;) {
         std::size_t start = 0;
         std::size_t end = text.size();
         more = findMessage(text, start, end);
-        QELloggerSyslogMsg record;
-        if (extract(text.substr(start, end - start), record)) {
-            store(std::move(record));
+        if (store(text.substr(start, end - start)) && consoleEcho &&
+            passesFilters(messages.back())) {
+            appendLine(messages.back(), echo);
+            echo.append(lineEnd);
         }
         text.remove_prefix(end);
     }
+    if (!echo.empty()) {
+        std::cout << echo;
+    }
 }
 
-void QELloggerSyslogFmt::store(QELloggerSyslogMsg&& record) {
-    const std::size_t length = record.raw.size();
-    if (byteCount + length > capacity && !messages.empty()) {
+bool QELloggerSyslogFmt::store(std::string_view message) {
+    QELloggerSyslogMsg& record = messages.emplace_back();
+    if (!extract(message, record)) {
+        messages.pop_back();
+        return false;
+    }
+    if (byteCount + message.size() > capacity && messages.size() > 1) {
         byteCount -= static_cast<std::uint32_t>(messages.front().raw.size());
         messages.pop_front();
     }
-    byteCount += static_cast<std::uint32_t>(length);
-    messages.push_back(std::move(record));
-    if (consoleEcho && passesFilters(messages.back())) {
-        printLine(formatMessage(messages.back()));
-    }
+    byteCount += static_cast<std::uint32_t>(message.size());
+    return true;
 }
 
 void QELloggerSyslogFmt::clear() {
@@ -151,7 +157,7 @@ std::string QELloggerSyslogFmt::formatMessage(const QELloggerSyslogMsg& record) 
 }
 
 void QELloggerSyslogFmt::printLine(std::string_view line) {
-    std::cout << line << "\r\n";
+    std::cout << line << lineEnd;
 }
 
 std::size_t QELloggerSyslogFmt::allMessages(std::string& out, bool formatted) const {
@@ -168,7 +174,7 @@ std::size_t QELloggerSyslogFmt::allMessages(std::string& out, bool formatted) co
         }
         if (formatted) {
             appendLine(record, out);
-            out.append("\r\n");
+            out.append(lineEnd);
         } else {
             out.append(record.raw);
         }

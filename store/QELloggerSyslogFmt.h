@@ -124,7 +124,7 @@ class QELloggerSyslogFmt {
     /// The same with the record's entry in `components`, or its end, looked up already.
     [[nodiscard]] bool passesFilters(const QELloggerSyslogMsg& record, Component entry) const;
     static bool extract(std::string_view message, QELloggerSyslogMsg& record);
-    void store(QELloggerSyslogMsg&& record);
+    bool store(std::string_view message);
     void setComponent(std::string_view name, bool value);
 
     QELloggerDump dump;
