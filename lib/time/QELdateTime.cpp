@@ -3,19 +3,18 @@
 #include "QELgregorian.h"
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <string_view>
 
 namespace {
 
-// Entry m: the days of the months before m. Entry 13 stands for all months beyond December.
-constexpr std::array<std::int32_t, 14> daysBefore = [] {
-    std::array<std::int32_t, 14> sums{};
-    for (std::size_t month = 1; month < sums.size(); ++month) {
-        sums[month] = sums[month - 1] + gregorianMonthLengths[month - 1];
-    }
-    return sums;
-}();
+constexpr std::array<std::int32_t, 13> lengthsOfMonths = {0,  31, 28, 31, 30, 31, 30,
+                                                          31, 31, 30, 31, 30, 31};
+
+/// Entry m: the days of the months before m. Entry 13 stands for all months beyond December.
+constexpr std::array<std::int32_t, 14> daysBefore = {0,   0,   31,  59,  90,  120, 151,
+                                                     181, 212, 243, 273, 304, 334, 365};
 
 using WeekdayTable = std::array<std::string_view, 7>;
 
@@ -29,48 +28,21 @@ constexpr std::int64_t floorDivide(std::int64_t value, std::int64_t divisor) {
     return value / divisor - (value % divisor < 0 ? 1 : 0);
 }
 
-// Division by 7 of numbers below 10^9, in half the steps that the compiler needs for all of 32
-// bits. Source: D. Lemire, O. Kaser, N. Kurz, "Faster remainder by direct computation", Software:
-// Practice and Experience 49 (2019).
-constexpr std::uint64_t seventh = 613'566'757; // 2^32 / 7, rounded up
-
-constexpr std::uint32_t divideBy7(std::uint32_t number) {
-    return static_cast<std::uint32_t>(number * seventh >> 32);
-}
-
-constexpr std::uint32_t modulo7(std::uint32_t number) {
-    const auto fraction = static_cast<std::uint32_t>(number * seventh);
-    return static_cast<std::uint32_t>(std::uint64_t{fraction} * 7 >> 32);
-}
-
-// A week belongs to the year that its Thursday lies in, and counts from the year's first Thursday.
-// January 1st is 0 here; a Thursday before it is a very great number.
-std::uint32_t thursdayOf(const QELdateTime& time) {
-    return static_cast<std::uint32_t>(time.dayOfYear) + 2 -
-           static_cast<std::uint32_t>(time.weekday);
-}
-
-// Out of line, since it is rare and would cost fromMicros its registers.
-[[gnu::cold]] void setWeekOfOtherYear(QELdateTime& time) {
-    std::uint32_t thursday = thursdayOf(time);
-    if (time.dayOfYear < 4) {
-        thursday += isLeapYear(std::int64_t{time.year} - 1) ? 366 : 365;
-    } else if (thursday > 365 || time.leapYear == 0) {
-        thursday = 0;
+/// A week belongs to the year that its Thursday lies in, and counts from the year's first Thursday.
+/// What lies beyond the next January is in its first week all the same.
+std::int32_t isoWeek(const QELdateTime& time) {
+    std::int64_t thursday = std::int64_t{time.dayOfYear} - time.weekday + 3; // as a day of the year
+    if (thursday > 365 + time.leapYear) {
+        return 1;
     }
-    time.week = static_cast<std::int32_t>(thursday / 7 + 1);
-}
-
-void setWeek(QELdateTime& time) {
-    const std::uint32_t thursday = thursdayOf(time);
-    if (thursday >= 365) [[unlikely]] {
-        setWeekOfOtherYear(time);
-    } else {
-        time.week = static_cast<std::int32_t>(divideBy7(thursday) + 1);
+    thursday %= gregorianCycleDays; // or a day of long ago would take as many steps as years
+    for (std::int64_t year = std::int64_t{time.year} - 1; thursday < 1; --year) {
+        thursday += isLeapYear(year) ? 366 : 365;
     }
+    return static_cast<std::int32_t>((thursday - 1) / 7 + 1);
 }
 
-// Appends a field, written as unsigned, with at least `minDigits` digits.
+/// Appends a field, written as unsigned, with at least `minDigits` digits.
 void appendNumber(std::string& text, std::int32_t field, std::size_t minDigits) {
     std::array<char, 10> digits{};
     const char* const end =
@@ -99,23 +71,21 @@ std::string joined(DateField first, DateField second, DateField third, std::stri
 
 bool isLeapYear(std::int64_t year) {
     const std::int64_t counted = year < 0 ? year + 1 : year;
-    const bool gregorianCentury = counted >= 1583 && counted % 100 == 0;
-    // A century is divisible by 400 if it is by 16.
-    return (counted & (gregorianCentury ? 15 : 3)) == 0;
+    return counted % 4 == 0 && (counted < 1583 || counted % 100 != 0 || counted % 400 == 0);
 }
 
 const std::array<std::int32_t, 13>& monthLengths() {
-    return gregorianMonthLengths;
+    return lengthsOfMonths;
 }
 
 int daysInMonth(const QELdateTime& time) {
     return time.month >= 1 && time.month <= 12
-               ? gregorianMonthLengths[static_cast<std::size_t>(time.month)]
+               ? lengthsOfMonths[static_cast<std::size_t>(time.month)]
                : 0;
 }
 
-// The Julian day number by J. Meeus, "Astronomical Algorithms", chapter 7. The sums are unsigned so
-// that they wrap around.
+/// The Julian day number by J. Meeus, "Astronomical Algorithms", chapter 7. The sums are unsigned,
+/// so that they wrap around.
 std::int64_t daysFromDate(std::int64_t year, std::int32_t month, std::int32_t day) {
     const std::int64_t counted = year < 0 ? year + 1 : year;
     // January and February are the last months of the year before, so that the leap day ends it.
@@ -125,7 +95,8 @@ std::int64_t daysFromDate(std::int64_t year, std::int32_t month, std::int32_t da
     const auto days = static_cast<std::uint64_t>(day);
 
     std::uint64_t julianDay =
-        365 * static_cast<std::uint64_t>(marchYear) + static_cast<std::uint64_t>(marchYear >> 2) +
+        365 * static_cast<std::uint64_t>(marchYear) +
+        static_cast<std::uint64_t>(floorDivide(marchYear, 4)) +
         static_cast<std::uint64_t>(floorDivide(306'001 * marchMonth, 10'000)) + days + 1'720'995;
 
     constexpr std::int64_t firstGregorian = (1582 * 12 + 10) * 31 + 15;
@@ -133,7 +104,7 @@ std::int64_t daysFromDate(std::int64_t year, std::int32_t month, std::int32_t da
         (static_cast<std::uint64_t>(counted) * 12 + static_cast<std::uint64_t>(month)) * 31 + days;
     if (static_cast<std::int64_t>(order) >= firstGregorian) {
         const std::int64_t century = marchYear / 100;
-        julianDay += static_cast<std::uint64_t>(2 - century + (century >> 2));
+        julianDay += static_cast<std::uint64_t>(2 - century + floorDivide(century, 4));
     }
     return static_cast<std::int64_t>(julianDay - julianDay1601);
 }
@@ -157,30 +128,25 @@ void updateDerived(QELdateTime& time) {
 
 void setDerived(QELdateTime& time, std::int64_t dayNumber) {
     const auto month = static_cast<std::size_t>(std::clamp(time.month, 1, 13));
-    time.weekday = static_cast<std::int32_t>(dayNumber - 7 * floorDivide(dayNumber, 7));
+    const auto weekday = static_cast<std::int32_t>(dayNumber % 7); // day 0 was a Monday
+    time.weekday = weekday < 0 ? weekday + 7 : weekday;
     time.leapYear = isLeapYear(time.year) ? 1 : 0;
     const std::int32_t leapDay = month > 2 ? time.leapYear : 0;
     time.dayOfYear =
         static_cast<std::int32_t>(std::int64_t{time.day} + daysBefore[month] + leapDay);
-    setWeek(time);
+    time.week = isoWeek(time);
 }
 
 void fromMicros(QELdateTime& time, std::uint64_t micros) {
-    const QELgregorianClock clock = gregorianClock(micros);
-    time.hour = clock.hour;
-    time.minute = clock.minute;
-    time.second = clock.second;
-    time.microsecond = clock.microsecond;
-
-    const auto dayNumber = static_cast<std::uint32_t>(clock.dayNumber);
-    time.weekday = static_cast<std::int32_t>(modulo7(dayNumber)); // day 0 was a Monday
-    const QELgregorianDate date = gregorianFromDays(dayNumber);
-    time.year = date.year;
-    time.month = date.month;
-    time.day = date.day;
-    time.leapYear = date.leapYear;
-    time.dayOfYear = date.dayOfYear;
-    setWeek(time);
+    const QELgregorianTime fields = gregorianFromMicros(micros);
+    time = {.year = fields.year,
+            .month = fields.month,
+            .day = fields.day,
+            .hour = fields.hour,
+            .minute = fields.minute,
+            .second = fields.second,
+            .microsecond = fields.microsecond};
+    setDerived(time, fields.dayNumber);
 }
 
 std::int64_t toMicros(const QELdateTime& time) {

@@ -2,11 +2,9 @@
 
 #include "QELdateTime.h"
 #include "QELduration.h"
-#include "QELgregorian.h"
 
 #include <array>
 #include <cstddef>
-#include <limits>
 #include <strings.h>
 
 namespace {
@@ -15,14 +13,13 @@ constexpr std::array<const char*, 12> monthWords = {"jan", "feb", "mar", "apr", 
                                                     "jul", "aug", "sep", "oct", "nov", "dec"};
 
 constexpr std::uint32_t firstYear = 1601;
-constexpr auto lastYear = static_cast<std::uint32_t>(
-    gregorianFromMicros(std::numeric_limits<std::int64_t>::max()).year - 1);
+constexpr std::uint32_t lastYear = 293'877; // the last whole one below 2^63 microseconds
 
 bool isDigit(char character) {
     return character >= '0' && character <= '9';
 }
 
-// Consumes the character if it is at the cursor.
+/// Consumes the character if it is at the cursor.
 bool consume(const char*& cursor, char expected) {
     if (*cursor != expected) {
         return false;
@@ -90,7 +87,7 @@ bool readNumericDate(const char*& cursor, Date& date) {
     return true;
 }
 
-// Reads the digits of a fraction of a second.
+/// Reads the digits of a fraction of a second.
 bool readFraction(const char*& cursor, std::uint32_t& micros) {
     const char* const start = cursor;
     if (!readNumber(cursor, micros) || cursor - start > 6) {
@@ -102,7 +99,7 @@ bool readFraction(const char*& cursor, std::uint32_t& micros) {
     return true;
 }
 
-// Reads AM or PM, if there is one, and turns the hour into that of a day of 24.
+/// Reads AM or PM, if there is one, and turns the hour into that of a day of 24.
 bool readSuffix(const char*& cursor, std::uint32_t& hour) {
     const bool afternoon = isLetterOfEitherCase(*cursor, 'P');
     if (!afternoon && !isLetterOfEitherCase(*cursor, 'A')) {

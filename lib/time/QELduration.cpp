@@ -18,7 +18,7 @@ struct Unit {
 
 constexpr std::uint64_t microsPerYear = 31'556'952 * microsPerSecond; // 365.2425 days
 
-// From the largest to the smallest, as a span is split.
+/// From the largest to the smallest, as a span is split.
 constexpr std::array<Unit, 7> units = {{
     {'Y', unitYears, &QELduration::years, microsPerYear},
     {'M', unitMonths, &QELduration::months, microsPerYear / 12},
@@ -37,7 +37,7 @@ void fill(std::string& text, char character, std::size_t width, std::string_view
     text.append(value);
 }
 
-// Appends the value of a directive. False for an unknown letter.
+/// Appends the value of a directive. False for an unknown letter.
 bool appendValue(std::string& text, const QELduration& duration, char letter, char fillCharacter,
                  std::size_t width) {
     if (letter == 'f') {
