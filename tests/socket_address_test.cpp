@@ -5,8 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
-#include <unistd.h>
-
 #include <array>
 #include <cstring>
 #include <memory>
@@ -14,14 +12,15 @@
 #include <regex>
 #include <string>
 #include <tuple>
+#include <unistd.h>
 #include <vector>
 
 namespace {
 
 // What QELsockaddr4::parse() reads, as plain text.
 std::string parsed(const std::string& text) {
-    uint32_t addr = 0xDEADBEEF;
-    int32_t port = -1;
+    std::uint32_t addr = 0xDEADBEEF;
+    std::int32_t port = -1;
     if (QELsockaddr4::parse(text, addr, port)) {
         return std::to_string(addr) + ":" + std::to_string(port);
     }
@@ -40,9 +39,9 @@ std::string parsedByGrammar(const std::string& text) {
     if (!std::regex_match(text, match, grammar)) {
         return "refused";
     }
-    uint32_t addr = 0;
-    for (size_t i = 1; i <= 4; ++i) {
-        addr = addr * 256 + static_cast<uint32_t>(std::stoul(match[i]));
+    std::uint32_t addr = 0;
+    for (std::size_t i = 1; i <= 4; ++i) {
+        addr = addr * 256 + static_cast<std::uint32_t>(std::stoul(match[i]));
     }
     return std::to_string(addr) + ":" +
            (match[5].matched ? std::to_string(std::stoul(match[5])) : "-1");
@@ -75,8 +74,8 @@ TEST(SocketAddress4, ReadsExactlyTheTextsOfItsGrammar) {
 TEST(SocketAddress4, TextFormIsTheSystemsAndReadsBack) {
     std::mt19937 random(2);
     for (int i = 0; i < 20'000; ++i) {
-        const QELsockaddr4 address(i == 0 ? UINT32_MAX : static_cast<uint32_t>(random()),
-                                   i == 0 ? UINT16_MAX : static_cast<uint16_t>(random()));
+        const QELsockaddr4 address(i == 0 ? UINT32_MAX : static_cast<std::uint32_t>(random()),
+                                   i == 0 ? UINT16_MAX : static_cast<std::uint16_t>(random()));
         std::array<char, INET_ADDRSTRLEN> dotted{};
         const in_addr raw{htonl(address.addr())};
         inet_ntop(AF_INET, &raw, dotted.data(), dotted.size());
@@ -125,7 +124,7 @@ TEST(SocketAddressUnix, LengthAndTextSurviveARawCopyAndTheSystem) {
     const std::string name = "*hvlogger-test-" + std::to_string(getpid());
     const std::string longName = name + std::string(200, 'n');
     for (const auto& [path, length, text] :
-         {std::tuple<std::string, size_t, std::string>{"", 0, ""},
+         {std::tuple<std::string, std::size_t, std::string>{"", 0, ""},
           {"/", 4, "/"},
           {std::string(106, 'p'), 109, std::string(106, 'p')},
           {std::string(107, 'p'), 110, std::string(107, 'p')},
@@ -194,8 +193,8 @@ TEST(SocketAddress, OrderIsTotalOverAllKinds) {
     sockaddr_storage other{};
     other.ss_family = AF_INET6;
     sample.emplace_back().set(other);
-    for (size_t i = 0; i < sample.size(); ++i) {
-        for (size_t j = 0; j < sample.size(); ++j) {
+    for (std::size_t i = 0; i < sample.size(); ++i) {
+        for (std::size_t j = 0; j < sample.size(); ++j) {
             const int order = sample[i].compare(sample[j]);
             EXPECT_TRUE(i < j   ? order < 0
                         : i > j ? order > 0

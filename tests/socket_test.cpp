@@ -6,20 +6,19 @@
 #include <gmock/gmock.h>
 
 #include <arpa/inet.h>
-#include <fcntl.h>
-#include <netinet/in.h>
-#include <sys/resource.h>
-#include <sys/time.h>
-#include <unistd.h>
-
 #include <array>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstring>
+#include <fcntl.h>
 #include <functional>
+#include <netinet/in.h>
 #include <string>
+#include <sys/resource.h>
+#include <sys/time.h>
 #include <tuple>
+#include <unistd.h>
 #include <utility>
 #include <vector>
 
@@ -27,7 +26,7 @@ namespace {
 
 using std::chrono::steady_clock;
 
-constexpr int32_t longTimeout = 60'000'000; // for what is bound to arrive
+constexpr std::int32_t longTimeout = 60'000'000; // for what is bound to arrive
 
 QELsockaddr localAddress(const QELsockBase& socket) {
     sockaddr_storage raw{};
@@ -65,19 +64,19 @@ struct Connection {
 struct Socket : testing::Test {
     std::vector<char> buffer = std::vector<char>(70'000); // more than a datagram holds
     char* data = buffer.data();
-    int64_t stamp = 7;
+    std::int64_t stamp = 7;
 
     // What an operation returned, printed and left as error number.
     struct Outcome {
-        int32_t code;
+        std::int32_t code;
         int error;
         std::string printed;
         bool operator==(const Outcome&) const = default;
     };
-    static Outcome outcomeOf(const std::function<int32_t()>& operation) {
+    static Outcome outcomeOf(const std::function<std::int32_t()>& operation) {
         testing::internal::CaptureStdout();
         errno = 0;
-        const int32_t code = operation();
+        const std::int32_t code = operation();
         const int error = errno;
         return {code, error, testing::internal::GetCapturedStdout()};
     }
@@ -91,10 +90,10 @@ TEST_F(Socket, ClosedSocketRefusesEveryOperation) {
     const QELsockaddr4 address = QELsockaddr4::loopback(9);
     QELsockaddr sender;
     QELsockCONN socket;
-    socket.ioHook = [](bool, int32_t, const void*, unsigned) {
+    socket.ioHook = [](bool, std::int32_t, const void*, unsigned) {
         ADD_FAILURE() << "nothing was transferred";
     };
-    using Transfer = std::function<int32_t(char*, unsigned)>;
+    using Transfer = std::function<std::int32_t(char*, unsigned)>;
     for (const Transfer& transfer : std::initializer_list<Transfer>{
              [&](char*b, unsigned n) { return socket.send(b, n); },
              [&](char*b, unsigned n) { return socket.sendTo(b, n, address); },
@@ -133,13 +132,14 @@ TEST_F(Socket, FailuresGiveTheirCodesAndKeepTheErrorNumberWhateverTheHook) {
     const std::string inUse = "Address already in use: " + taken.toString(true) + "\n";
     QELsockCONN second;
     ASSERT_EQ(second.open(AF_INET, SOCK_DGRAM), 0);
-    using Call = std::tuple<bool, int32_t, const void*, unsigned>;
+    using Call = std::tuple<bool, std::int32_t, const void*, unsigned>;
     std::vector<Call> calls;
-    idle.ioHook = second.ioHook = [&](bool sent, int32_t result, const void* at, unsigned length) {
-        calls.emplace_back(sent, result, at, length);
-        errno = EAGAIN; // not the transfer's
-    };
-    const std::vector<std::pair<std::function<int32_t()>, Outcome>> cases = {
+    idle.ioHook =
+        second.ioHook = [&](bool sent, std::int32_t result, const void* at, unsigned length) {
+            calls.emplace_back(sent, result, at, length);
+            errno = EAGAIN; // not the transfer's
+        };
+    const std::vector<std::pair<std::function<std::int32_t()>, Outcome>> cases = {
         {[&] { return idle.recv(data, 1); }, {-2892, ENOTCONN, ""}},
         {[&] { return idle.recv(data, 1, 0); }, {-2892, ENOTCONN, ""}},
         {[&] { return idle.recvFrom(data, 1); }, {-2892, ENOTCONN, ""}},
@@ -168,7 +168,7 @@ TEST_F(Socket, FailuresGiveTheirCodesAndKeepTheErrorNumberWhateverTheHook) {
 }
 
 TEST_F(Socket, NonBlockingSocketSaysThatItWouldBlock) {
-    const auto wouldBlock = [](const std::function<int32_t()>& operation) {
+    const auto wouldBlock = [](const std::function<std::int32_t()>& operation) {
         EXPECT_EQ(outcomeOf(operation), (Outcome{-2890, EAGAIN, ""}));
         EXPECT_TRUE(QELsockBase::wouldBlock());
     };
@@ -214,11 +214,11 @@ TEST_F(Socket, EveryReceiveFromNamesItsSenderAndStampsItsTime) {
             .count();
     };
     int received = 0;
-    receiver.ioHook = [&](bool sent, int32_t result, const void* at, unsigned length) {
+    receiver.ioHook = [&](bool sent, std::int32_t result, const void* at, unsigned length) {
         received += !sent && result >= 0 && at == data && length == 8 ? 1 : 0;
     };
-    const int64_t before = now();
-    using Receive = std::function<int32_t(QELsockaddr*)>;
+    const std::int64_t before = now();
+    using Receive = std::function<std::int32_t(QELsockaddr*)>;
     for (const Receive& receive : std::initializer_list<Receive>{
              [&](auto* sender) { return receiver.recvFrom(data, 8, sender); },
              [&](auto* sender) { return receiver.recvFrom(data, 8, longTimeout, sender); },
@@ -267,7 +267,7 @@ TEST_F(Socket, TimedReceiveWaitsItsWholeTimeOnAnyDescriptorWhateverTheSignals) {
     for (const int period : {0, 1000}) {
         const itimerval timer{{0, period}, {0, period}};
         setitimer(ITIMER_REAL, &timer, nullptr);
-        for (const int32_t timeout : {0, 1, 100'000, period == 0 ? 1'010'000 : 0}) {
+        for (const std::int32_t timeout : {0, 1, 100'000, period == 0 ? 1'010'000 : 0}) {
             const auto start = steady_clock::now();
             EXPECT_EQ(datagram.recvFrom(data, 8, timeout), -2891);
             EXPECT_GE(steady_clock::now() - start, std::chrono::microseconds(timeout));
@@ -294,7 +294,7 @@ TEST_F(Socket, DescriptorHasOneOwnerWhateverTheMoves) {
     const auto isOpen = [](int fd) {
         return fcntl(fd, F_GETFD) != -1;
     };
-    const auto hook = [](bool, int32_t, const void*, unsigned) {
+    const auto hook = [](bool, std::int32_t, const void*, unsigned) {
     };
     QELsockCONN last;
     ASSERT_EQ(last.open(AF_INET, SOCK_STREAM), 0);

@@ -1,29 +1,28 @@
 #include "QELsockBase.h"
 
-#include <arpa/inet.h>
-#include <fcntl.h>
-#include <netinet/in.h>
-#include <poll.h>
-#include <unistd.h>
-
 #include <algorithm>
+#include <arpa/inet.h>
 #include <cerrno>
 #include <chrono>
 #include <cstring>
 #include <ctime>
+#include <fcntl.h>
 #include <iostream>
+#include <netinet/in.h>
+#include <poll.h>
+#include <unistd.h>
 
 namespace {
 
-// Writes a line to standard output and keeps the error number, which writing may change.
+/// Writes a line to standard output and keeps the error number, which writing may change.
 void report(const std::string& line) {
     const int error = errno;
     std::cout << line << std::endl;
     errno = error;
 }
 
-// Waits until `fd` is readable; false when it is not within `timeout`. Any other failure counts as
-// readable: the receive that follows will meet it. ppoll, as descriptor numbers have no bound.
+/// Waits until `fd` is readable; false when it is not within `timeout`. Any other failure counts as
+/// readable: the receive that follows will meet it. ppoll, as descriptor numbers have no bound.
 bool waitReadable(int fd, std::chrono::microseconds timeout) {
     using std::chrono::nanoseconds;
     using std::chrono::steady_clock;
@@ -43,7 +42,7 @@ bool waitReadable(int fd, std::chrono::microseconds timeout) {
     }
 }
 
-int64_t unixNanoseconds() {
+std::int64_t unixNanoseconds() {
     const auto now = std::chrono::system_clock::now().time_since_epoch();
     return std::chrono::duration_cast<std::chrono::nanoseconds>(now).count();
 }
@@ -77,34 +76,35 @@ void QELsockBase::close() {
     }
 }
 
-int32_t QELsockBase::open(int32_t domain) {
+std::int32_t QELsockBase::open(std::int32_t domain) {
     return create(domain, SOCK_DGRAM);
 }
 
-int32_t QELsockBase::bind(const QELsocka& address) {
-    const int32_t result = bindTo(address);
+std::int32_t QELsockBase::bind(const QELsocka& address) {
+    const std::int32_t result = bindTo(address);
     if (result == errBind) {
         report(errorText() + ": " + address.toString(true));
     }
     return result;
 }
 
-int32_t QELsockBase::sendTo(const void* buffer, unsigned length, const QELsocka& destination) {
+std::int32_t QELsockBase::sendTo(const void* buffer, unsigned length, const QELsocka& destination) {
     return transmit(buffer, length, &destination);
 }
 
-int32_t QELsockBase::recvFrom(void* buffer, unsigned length, QELsockaddr* sender) {
+std::int32_t QELsockBase::recvFrom(void* buffer, unsigned length, QELsockaddr* sender) {
     return receive(buffer, length, -1, nullptr, sender);
 }
 
-int32_t QELsockBase::recvFrom(void* buffer, unsigned length, int32_t timeout, QELsockaddr* sender) {
-    int64_t received = 0;
+std::int32_t QELsockBase::recvFrom(void* buffer, unsigned length, std::int32_t timeout,
+                                   QELsockaddr* sender) {
+    std::int64_t received = 0;
     return recvFrom(buffer, length, timeout, received, sender);
 }
 
-int32_t QELsockBase::recvFrom(void* buffer, unsigned length, int32_t timeout, int64_t& received,
-                              QELsockaddr* sender) {
-    const int32_t result = receive(buffer, length, timeout, &received, sender);
+std::int32_t QELsockBase::recvFrom(void* buffer, unsigned length, std::int32_t timeout,
+                                   std::int64_t& received, QELsockaddr* sender) {
+    const std::int32_t result = receive(buffer, length, timeout, &received, sender);
     if (result == errReceive) {
         report(errorText());
     }
@@ -120,7 +120,7 @@ int QELsockBase::setGracefulClose(bool graceful) {
     return setOption(SOL_SOCKET, SO_LINGER, &value, sizeof value);
 }
 
-int QELsockBase::joinGroup(uint32_t group, uint32_t interfaceAddr) {
+int QELsockBase::joinGroup(std::uint32_t group, std::uint32_t interfaceAddr) {
     const ip_mreq value{{htonl(group)}, {htonl(interfaceAddr)}};
     return setOption(IPPROTO_IP, IP_ADD_MEMBERSHIP, &value, sizeof value);
 }
@@ -129,7 +129,7 @@ int QELsockBase::setMulticastTTL(unsigned ttl) {
     if (ttl > maxMulticastTTL) {
         return -2;
     }
-    const auto value = static_cast<uint8_t>(ttl);
+    const auto value = static_cast<std::uint8_t>(ttl);
     return setOption(IPPROTO_IP, IP_MULTICAST_TTL, &value, sizeof value);
 }
 
@@ -138,7 +138,7 @@ bool QELsockBase::isBlocking() const {
     return flags >= 0 && (flags & O_NONBLOCK) == 0;
 }
 
-int32_t QELsockBase::setBlocking(bool blocking) {
+std::int32_t QELsockBase::setBlocking(bool blocking) {
     if (fd == -1) {
         return errClosed;
     }
@@ -157,32 +157,33 @@ bool QELsockBase::wouldBlock() {
     return errno == EAGAIN;
 }
 
-int32_t QELsockBase::create(int32_t domain, int32_t type) {
+std::int32_t QELsockBase::create(std::int32_t domain, std::int32_t type) {
     close();
     fd = ::socket(domain, type | SOCK_CLOEXEC, 0);
     return fd == -1 ? errCreate : 0;
 }
 
-int32_t QELsockBase::bindTo(const QELsocka& address) {
+std::int32_t QELsockBase::bindTo(const QELsocka& address) {
     if (fd == -1) {
         return errClosed;
     }
     return ::bind(fd, address.sa(), address.saLen()) == 0 ? 0 : errBind;
 }
 
-int32_t QELsockBase::transmit(const void* buffer, unsigned length, const QELsocka* destination) {
-    if (const int32_t refused = refusal(buffer, length); refused != 0) {
+std::int32_t QELsockBase::transmit(const void* buffer, unsigned length,
+                                   const QELsocka* destination) {
+    if (const std::int32_t refused = refusal(buffer, length); refused != 0) {
         return refused;
     }
     const ssize_t sent = destination != nullptr ? ::sendto(fd, buffer, length, 0, destination->sa(),
                                                            destination->saLen())
                                                 : ::send(fd, buffer, length, 0);
-    return finish(true, static_cast<int32_t>(sent), buffer, length);
+    return finish(true, static_cast<std::int32_t>(sent), buffer, length);
 }
 
-int32_t QELsockBase::receive(void* buffer, unsigned length, int32_t timeout, int64_t* received,
-                             QELsockaddr* sender) {
-    if (const int32_t refused = refusal(buffer, length); refused != 0) {
+std::int32_t QELsockBase::receive(void* buffer, unsigned length, std::int32_t timeout,
+                                  std::int64_t* received, QELsockaddr* sender) {
+    if (const std::int32_t refused = refusal(buffer, length); refused != 0) {
         return refused;
     }
     if (received != nullptr) {
@@ -198,21 +199,22 @@ int32_t QELsockBase::receive(void* buffer, unsigned length, int32_t timeout, int
     if (received != nullptr) {
         *received = unixNanoseconds();
     }
-    const int32_t result = finish(false, static_cast<int32_t>(count), buffer, length);
+    const std::int32_t result = finish(false, static_cast<std::int32_t>(count), buffer, length);
     if (result > 0 && sender != nullptr) {
         sender->set(from, fromLen);
     }
     return result;
 }
 
-int32_t QELsockBase::refusal(const void* buffer, unsigned length) const {
+std::int32_t QELsockBase::refusal(const void* buffer, unsigned length) const {
     if (buffer == nullptr || length == 0) {
         return errArgument;
     }
     return fd == -1 ? errClosed : 0;
 }
 
-int32_t QELsockBase::finish(bool sent, int32_t result, const void* buffer, unsigned length) {
+std::int32_t QELsockBase::finish(bool sent, std::int32_t result, const void* buffer,
+                                 unsigned length) {
     if (ioHook) {
         const int error = errno;
         ioHook(sent, result, buffer, length);

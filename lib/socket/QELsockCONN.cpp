@@ -1,21 +1,21 @@
 #include "QELsockCONN.h"
 
-int32_t QELsockCONN::open(int32_t domain, int32_t type) {
+std::int32_t QELsockCONN::open(std::int32_t domain, std::int32_t type) {
     return create(domain, type);
 }
 
-int32_t QELsockCONN::bind(const QELsocka& address) {
+std::int32_t QELsockCONN::bind(const QELsocka& address) {
     return bindTo(address);
 }
 
-int32_t QELsockCONN::listen(int32_t backlog) {
+std::int32_t QELsockCONN::listen(std::int32_t backlog) {
     if (fd == -1) {
         return errClosed;
     }
     return ::listen(fd, backlog) == 0 ? 0 : errBind;
 }
 
-int32_t QELsockCONN::accept(QELsockBase& connection, QELsockaddr* peer) {
+std::int32_t QELsockCONN::accept(QELsockBase& connection, QELsockaddr* peer) {
     if (fd == -1) {
         return errClosed;
     }
@@ -33,7 +33,7 @@ int32_t QELsockCONN::accept(QELsockBase& connection, QELsockaddr* peer) {
     return 0;
 }
 
-int32_t QELsockCONN::connect(const QELsocka& address) {
+std::int32_t QELsockCONN::connect(const QELsocka& address) {
     if (fd == -1) {
         return errClosed;
     }
@@ -43,14 +43,14 @@ int32_t QELsockCONN::connect(const QELsocka& address) {
     return wouldBlock() ? errWouldBlock : errConnect;
 }
 
-int32_t QELsockCONN::send(const void* buffer, unsigned length) {
+std::int32_t QELsockCONN::send(const void* buffer, unsigned length) {
     return transmit(buffer, length, nullptr);
 }
 
-int32_t QELsockCONN::recv(void* buffer, unsigned length) {
+std::int32_t QELsockCONN::recv(void* buffer, unsigned length) {
     return receive(buffer, length, -1, nullptr, nullptr);
 }
 
-int32_t QELsockCONN::recv(void* buffer, unsigned length, int32_t timeout) {
+std::int32_t QELsockCONN::recv(void* buffer, unsigned length, std::int32_t timeout) {
     return receive(buffer, length, timeout, nullptr, nullptr);
 }

@@ -16,16 +16,16 @@ class QELsockCONN : public QELsockBase {
     /// @param domain  AF_INET, AF_UNIX, ...
     /// @param type    SOCK_STREAM, ...
     /// @return 0; errCreate (no socket is open then)
-    int32_t open(int32_t domain, int32_t type);
+    std::int32_t open(std::int32_t domain, std::int32_t type);
 
     /// Binds the socket to a local address; unlike the base's, silent.
     /// @return 0; errClosed, errBind
-    int32_t bind(const QELsocka& address);
+    std::int32_t bind(const QELsocka& address);
 
     /// Lets peers connect.
     /// @param backlog  how many connections may wait to be accepted
     /// @return 0; errClosed, errBind
-    int32_t listen(int32_t backlog);
+    std::int32_t listen(std::int32_t backlog);
 
     /// Waits for a peer to connect.
     ///
@@ -33,23 +33,23 @@ class QELsockCONN : public QELsockBase {
     ///                    stays released and does not own it
     /// @param peer        set to the peer's address on success; null when not wanted
     /// @return 0; errClosed (nothing is done then), errAccept
-    int32_t accept(QELsockBase& connection, QELsockaddr* peer = nullptr);
+    std::int32_t accept(QELsockBase& connection, QELsockaddr* peer = nullptr);
 
     /// Connects to a peer.
     /// @return 0; errClosed; errWouldBlock when the failure is EAGAIN, errConnect for any other (a
     ///         non-blocking socket that goes on connecting included: EINPROGRESS)
-    int32_t connect(const QELsocka& address);
+    std::int32_t connect(const QELsocka& address);
 
     /// Sends to the peer.
     /// @return bytes sent; errArgument, errClosed, errWouldBlock, errSend
-    int32_t send(const void* buffer, unsigned length);
+    std::int32_t send(const void* buffer, unsigned length);
 
     /// Receives from the peer.
     /// @return bytes received, 0 when the peer has closed; errArgument, errClosed, errWouldBlock,
     ///         errReceive
-    int32_t recv(void* buffer, unsigned length);
+    std::int32_t recv(void* buffer, unsigned length);
 
     /// The same with a timeout in microseconds.
     /// @return as the plain form; errTimeout
-    int32_t recv(void* buffer, unsigned length, int32_t timeout);
+    std::int32_t recv(void* buffer, unsigned length, std::int32_t timeout);
 };

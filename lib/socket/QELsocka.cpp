@@ -7,7 +7,7 @@
 
 namespace {
 
-// The raw address as the structure of its family; the object behind sa() may be of another type.
+/// The raw address as the structure of its family; the object behind sa() may be of another type.
 template <class Raw>
 Raw rawAs(const QELsocka& address) {
     Raw raw{};
@@ -17,7 +17,7 @@ Raw rawAs(const QELsocka& address) {
 
 } // namespace
 
-uint16_t QELsocka::family() const {
+std::uint16_t QELsocka::family() const {
     return rawAs<sa_family_t>(*this);
 }
 
@@ -39,8 +39,8 @@ std::string QELsocka::toString(bool withPort) const {
 }
 
 int QELsocka::compare(const QELsocka& other) const {
-    const uint16_t mine = family();
-    const uint16_t others = other.family();
+    const std::uint16_t mine = family();
+    const std::uint16_t others = other.family();
     if (mine != others) {
         return mine < others ? -1 : 1;
     }

@@ -1,9 +1,8 @@
 #pragma once
 
-#include <sys/socket.h>
-
 #include <cstdint>
 #include <string>
+#include <sys/socket.h>
 
 /// A socket address of any family, as the socket operations take it. Owns nothing itself: an
 /// implementation holds the raw address and hands it out.
@@ -19,7 +18,7 @@ class QELsocka {
     [[nodiscard]] virtual socklen_t saLen() const = 0;
 
     /// Family at the start of sa(): AF_UNIX, AF_INET, ..., AF_UNSPEC for an empty generic address.
-    [[nodiscard]] uint16_t family() const;
+    [[nodiscard]] std::uint16_t family() const;
 
     /// Text form by family: a Unix address as QELsockaddrUNX::toString() gives it, an IPv4 address
     /// as "10.0.0.5", followed by ":50000" when @p withPort; "Unknown_address" for other families.
@@ -32,6 +31,6 @@ class QELsocka {
     [[nodiscard]] int compare(const QELsocka& other) const;
 
   protected:
-    // Addresses are values, never destroyed through this interface.
+    /// Addresses are values, never destroyed through this interface.
     ~QELsocka() = default;
 };

@@ -36,7 +36,7 @@ void QELsockaddr::set(const sockaddr_in& raw) {
     len = sizeof raw;
 }
 
-bool QELsockaddr::set(const std::string& text, int32_t defaultPort) {
+bool QELsockaddr::set(const std::string& text, std::int32_t defaultPort) {
     QELsockaddr4 parsed;
     if (!parsed.set(text, defaultPort)) {
         return false;
@@ -45,7 +45,7 @@ bool QELsockaddr::set(const std::string& text, int32_t defaultPort) {
     return true;
 }
 
-bool QELsockaddr::setPort(uint16_t port) {
+bool QELsockaddr::setPort(std::uint16_t port) {
     if (family() != AF_INET) {
         return false;
     }
@@ -56,7 +56,7 @@ bool QELsockaddr::setPort(uint16_t port) {
     return true;
 }
 
-int32_t QELsockaddr::port() const {
+std::int32_t QELsockaddr::port() const {
     if (family() != AF_INET) {
         return -1;
     }

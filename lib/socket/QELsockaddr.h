@@ -2,11 +2,10 @@
 
 #include "QELsocka.h"
 
-#include <netinet/in.h>
-#include <sys/socket.h>
-
 #include <cstdint>
+#include <netinet/in.h>
 #include <string>
+#include <sys/socket.h>
 
 /// Value that holds a socket address of any family, up to 128 bytes: the peer of an accepted
 /// connection, the sender of a received datagram.
@@ -33,14 +32,14 @@ class QELsockaddr final : public QELsocka {
 
     /// Reads an IPv4 address from text, as QELsockaddr4::set() does.
     /// @return false, with this address unchanged, when the text is no such address
-    bool set(const std::string& text, int32_t defaultPort);
+    bool set(const std::string& text, std::int32_t defaultPort);
 
     /// Stores the port (host order) of an IPv4 address.
     /// @return false, with nothing changed, when the family is not AF_INET
-    bool setPort(uint16_t port);
+    bool setPort(std::uint16_t port);
 
     /// The port (host order) of an IPv4 address; -1 for any other family.
-    [[nodiscard]] int32_t port() const;
+    [[nodiscard]] std::int32_t port() const;
 
   private:
     sockaddr_storage storage{};

@@ -6,22 +6,22 @@
 
 namespace {
 
-constexpr size_t pathSize = sizeof(sockaddr_un::sun_path);
+constexpr std::size_t pathSize = sizeof(sockaddr_un::sun_path);
 constexpr char abstractMark = '*';
 
-// Characters of the path as text, of which an abstract name's first is its mark. Paths from outside
-// need not be terminated.
-size_t textLength(const sockaddr_un& raw) {
+/// Characters of the path as text, of which an abstract name's first is its mark. Paths from
+/// outside need not be terminated.
+std::size_t textLength(const sockaddr_un& raw) {
     if (raw.sun_path[0] != '\0') {
         return strnlen(raw.sun_path, pathSize);
     }
-    const size_t nameLength = strnlen(raw.sun_path + 1, pathSize - 1);
+    const std::size_t nameLength = strnlen(raw.sun_path + 1, pathSize - 1);
     return nameLength == 0 ? 0 : 1 + nameLength;
 }
 
-// Length handed to the system for a text that is not empty: family, text and terminating zero, but
-// never more than the structure.
-socklen_t addressLength(size_t length) {
+/// Length handed to the system for a text that is not empty: family, text and terminating zero, but
+/// never more than the structure.
+socklen_t addressLength(std::size_t length) {
     return static_cast<socklen_t>(
         std::min(offsetof(sockaddr_un, sun_path) + length + 1, sizeof(sockaddr_un)));
 }
@@ -40,7 +40,7 @@ void QELsockaddrUNX::set(const char* path) {
     // Through a copy: path may point into this object.
     QELsockaddrUNX fresh;
     if (path != nullptr && *path != '\0') {
-        const size_t length = strnlen(path, pathSize - 1);
+        const std::size_t length = strnlen(path, pathSize - 1);
         std::memcpy(fresh.raw.sun_path, path, length);
         fresh.len = addressLength(length);
         if (*path == abstractMark) {
@@ -57,7 +57,7 @@ bool QELsockaddrUNX::set(const sockaddr& other) {
     }
     // memmove: other may be this object's own raw address.
     std::memmove(&raw, &other, sizeof raw);
-    const size_t length = textLength(raw);
+    const std::size_t length = textLength(raw);
     len = length == 0 ? 0 : addressLength(length);
     return true;
 }

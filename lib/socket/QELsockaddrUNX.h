@@ -2,10 +2,9 @@
 
 #include "QELsocka.h"
 
+#include <string>
 #include <sys/socket.h>
 #include <sys/un.h>
-
-#include <string>
 
 /// Value that holds a Unix-domain address (unix(7)): a path of the file system, or a name in the
 /// Linux abstract namespace, whose text form starts with "*".
