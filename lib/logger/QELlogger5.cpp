@@ -4,16 +4,24 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <utility>
+
+namespace {
+
+constexpr std::size_t largeStatement = 4096; // more than any line of it holds
+
+} // namespace
 
 QELlogger5::Streamer::Streamer(QELlogger5* logger, std::int32_t level)
-    : std::stringbuf(std::ios_base::in | std::ios_base::out), std::ostream(
-                                                                  static_cast<std::stringbuf*>(
-                                                                      this)),
-      owner(logger), severity(level) {}
+    : std::ostream(static_cast<std::stringbuf*>(this)), owner(logger), severity(level) {}
 
 int QELlogger5::Streamer::sync() {
+    const std::size_t size = view().size();
     const int result = owner->log(view(), severity);
-    str(std::string()); // keeps the buffer's storage for the next statement
+    if (size > largeStatement) {
+        std::move(*this).str(); // gives the buffer's storage back
+    }
+    str(std::string()); // keeps it for the next statement
     return result;
 }
 

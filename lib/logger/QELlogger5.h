@@ -50,7 +50,7 @@ class QELlogger5 {
                                                  std::string_view text) const = 0;
 
       protected:
-        // Formatters are never destroyed through this interface.
+        /// Formatters are never destroyed through this interface.
         ~Formatter() = default;
     };
 
@@ -61,7 +61,7 @@ class QELlogger5 {
         virtual int send(std::string_view line) = 0;
 
       protected:
-        // Senders are never destroyed through this interface.
+        /// Senders are never destroyed through this interface.
         ~Sender() = default;
     };
 

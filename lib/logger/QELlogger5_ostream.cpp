@@ -9,7 +9,7 @@ int QELlogger5_ostream::send(std::string_view line) {
     const std::string prefix = '[' + std::to_string(lineNumber) + "] ";
     out->write(prefix.data(), static_cast<std::streamsize>(prefix.size()));
     out->write(line.data(), static_cast<std::streamsize>(line.size()));
-    out->flush();
     lineNumber = static_cast<std::int32_t>(static_cast<std::uint32_t>(lineNumber) + 1); // may wrap
+    out->flush();
     return 0;
 }

@@ -10,7 +10,7 @@ class QELlogger5_ostream : public QELlogger5::Sender {
   public:
     explicit QELlogger5_ostream(std::ostream& stream);
 
-    /// Writes "[1] " and the line, adds no line end, and flushes.
+    /// Writes "[1] " and the line, adds no line end, counts on, and flushes.
     /// @return 0; whether the stream took it, only the stream tells
     int send(std::string_view line) override;
 
