@@ -3,8 +3,8 @@
 #include "QELselector.h"
 
 QELselRcv::~QELselRcv() {
-    if (home != nullptr) {
-        home->forget(*this);
+    if (registeredWith != nullptr) {
+        registeredWith->forget(*this);
     }
 }
 

@@ -58,6 +58,6 @@ class QELselRcv {
   private:
     friend class QELselector;
 
-    // The dispatcher that may still hold an entry of this receiver, even after the link is cleared.
-    QELselector* home{nullptr};
+    /// The dispatcher that may still hold an entry of it, even after the link is cleared.
+    QELselector* registeredWith{nullptr};
 };

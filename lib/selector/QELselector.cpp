@@ -4,6 +4,7 @@
 #include "QELselTimer.h"
 
 #include <algorithm>
+#include <cassert>
 #include <ctime>
 #include <unistd.h>
 
@@ -34,7 +35,7 @@ int countOf(const std::map<std::int32_t, QELselRcv*>& entries) {
 QELselector::~QELselector() {
     for (QELselRcv* receiver : receivers) {
         receiver->selector = nullptr;
-        receiver->home = nullptr;
+        receiver->registeredWith = nullptr;
     }
     for (const TimerEntry& entry : timers) {
         if (entry.timer != nullptr) {
@@ -68,6 +69,7 @@ void QELselector::removeExcept(const QELselRcv* receiver) {
 }
 
 bool QELselector::setTimer(QELselTimer* timer, std::uint64_t deadline) {
+    assert(timer != nullptr); // which the list would take for a cancelled one
     const auto entry = std::ranges::find(timers, timer, &TimerEntry::timer);
     if (entry != timers.end()) {
         entry->deadline = deadline;
@@ -81,6 +83,7 @@ bool QELselector::setTimer(QELselTimer* timer, std::uint64_t deadline) {
 }
 
 void QELselector::cancelTimer(QELselTimer* timer) {
+    assert(timer != nullptr);
     const auto entry = std::ranges::find(timers, timer, &TimerEntry::timer);
     if (entry != timers.end()) {
         entry->timer->selector = nullptr;
@@ -94,65 +97,6 @@ void QELselector::setExitCode(std::int32_t code) {
 }
 
 std::int32_t QELselector::runOnce() {
-    const std::int32_t result = selectOnce();
-    return result == resultExitCode ? exitCode : result;
-}
-
-std::int64_t QELselector::nowUs() {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return std::int64_t{now.tv_sec} * microsPerSecond + now.tv_nsec / nanosPerMicro;
-}
-
-void QELselector::sleepUs(unsigned microseconds) {
-    usleep(microseconds);
-}
-
-bool QELselector::add(Entries& entries, QELselRcv* receiver, std::int32_t descriptor) {
-    if (entries.size() >= maxEntries || descriptor < 0 || descriptor >= descriptorLimit) {
-        return false;
-    }
-    if (receiver->home != this) {
-        if (receiver->home != nullptr) {
-            receiver->home->forget(*receiver);
-        }
-        receivers.push_back(receiver);
-        receiver->home = this;
-    }
-    entries[descriptor] = receiver;
-    receiver->selector = this;
-    return true;
-}
-
-void QELselector::remove(Entries& entries, const QELselRcv* receiver) {
-    const auto entry = std::ranges::find(entries, receiver, &Entries::value_type::second);
-    if (entry != entries.end()) {
-        entries.erase(entry);
-    }
-}
-
-void QELselector::forget(QELselRcv& receiver) {
-    for (Entries* entries : {&writeEntries, &readEntries, &exceptEntries}) {
-        std::erase_if(*entries, [&](const auto& entry) { return entry.second == &receiver; });
-    }
-    std::erase(receivers, &receiver);
-    receiver.selector = nullptr;
-    receiver.home = nullptr;
-}
-
-/// Also drops the cancelled timers. Returns 0 when no timer is armed.
-std::uint64_t QELselector::earliestDeadline() {
-    std::erase_if(timers, [](const TimerEntry& entry) { return entry.timer == nullptr; });
-    std::uint64_t earliest = 0;
-    for (const TimerEntry& entry : timers) {
-        if (entry.deadline != 0 && (earliest == 0 || entry.deadline < earliest)) {
-            earliest = entry.deadline;
-        }
-    }
-    return earliest;
-}
-
-std::int32_t QELselector::selectOnce() {
     fd_set writable;
     fd_set readable;
     fd_set exceptional;
@@ -182,10 +126,62 @@ std::int32_t QELselector::selectOnce() {
     dispatch(readEntries, toRead, ready, now);
     dispatch(exceptEntries, toExcept, ready, now);
     fireTimers(now);
-    if (exitCode == 0 || exitCode == resultExit) {
-        return exitCode;
+    return exitCode;
+}
+
+std::int64_t QELselector::nowUs() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return std::int64_t{now.tv_sec} * microsPerSecond + now.tv_nsec / nanosPerMicro;
+}
+
+void QELselector::sleepUs(unsigned microseconds) {
+    usleep(microseconds);
+}
+
+bool QELselector::add(Entries& entries, QELselRcv* receiver, std::int32_t descriptor) {
+    assert(receiver != nullptr);
+    if (entries.size() >= maxEntries || descriptor < 0 || descriptor >= descriptorLimit) {
+        return false;
     }
-    return resultExitCode;
+    if (receiver->registeredWith != this) {
+        if (receiver->registeredWith != nullptr) {
+            receiver->registeredWith->forget(*receiver);
+        }
+        receivers.push_back(receiver);
+        receiver->registeredWith = this;
+    }
+    entries[descriptor] = receiver;
+    receiver->selector = this;
+    return true;
+}
+
+void QELselector::remove(Entries& entries, const QELselRcv* receiver) {
+    const auto entry = std::ranges::find(entries, receiver, &Entries::value_type::second);
+    if (entry != entries.end()) {
+        entries.erase(entry);
+    }
+}
+
+void QELselector::forget(QELselRcv& receiver) {
+    for (Entries* entries : {&writeEntries, &readEntries, &exceptEntries}) {
+        std::erase_if(*entries, [&](const auto& entry) { return entry.second == &receiver; });
+    }
+    std::erase(receivers, &receiver);
+    receiver.selector = nullptr;
+    receiver.registeredWith = nullptr;
+}
+
+/// Also drops the cancelled timers. Returns 0 when no timer is armed.
+std::uint64_t QELselector::earliestDeadline() {
+    std::erase_if(timers, [](const TimerEntry& entry) { return entry.timer == nullptr; });
+    std::uint64_t earliest = 0;
+    for (const TimerEntry& entry : timers) {
+        if (entry.deadline != 0 && (earliest == 0 || entry.deadline < earliest)) {
+            earliest = entry.deadline;
+        }
+    }
+    return earliest;
 }
 
 /// Callbacks may change the entries at will, so it walks a copy of the ready descriptors and looks

@@ -26,7 +26,8 @@ class QELselTimer;
 ///
 /// A receiver or timer is on one dispatcher at a time: putting it on another one takes it off the
 /// first. Readiness is a state, not an event: a callback that leaves its input unread is called
-/// again in the next cycle. No operation takes a null pointer or may be called from another thread.
+/// again in the next cycle. No operation takes a null pointer (an assertion tells) or
+/// may be called from another thread.
 class QELselector {
   public:
     /// An exit code for a callback that has no other to give: "end the loop".
@@ -98,28 +99,24 @@ class QELselector {
     using Entries = std::map<std::int32_t, QELselRcv*>;
 
     struct TimerEntry {
-        QELselTimer* timer;     // null: cancelled since the last cycle
-        std::uint64_t deadline; // 0: not armed
+        QELselTimer* timer;     ///< null: cancelled since the last cycle
+        std::uint64_t deadline; ///< 0: not armed
     };
-
-    // Internal result of a cycle: the result is in exitCode.
-    static constexpr std::int32_t resultExitCode{-3147};
 
     bool add(Entries& entries, QELselRcv* receiver, std::int32_t descriptor);
     static void remove(Entries& entries, const QELselRcv* receiver);
     void forget(QELselRcv& receiver);
     std::uint64_t earliestDeadline();
-    std::int32_t selectOnce();
     void dispatch(Entries& entries, const fd_set* ready, int& readyCount, std::int64_t now);
     void fireTimers(std::int64_t now);
 
     Entries writeEntries;
     Entries readEntries;
     Entries exceptEntries;
-    std::vector<std::int32_t> scratch; // descriptors being served; kept for its storage
+    std::vector<std::int32_t> scratch; ///< descriptors being served; kept for its storage
     std::vector<TimerEntry> timers;
     std::int32_t exitCode{0};
-    // Every receiver whose home this is: those with entries, and those that have none left but may
-    // still have their link.
+    /// Every receiver registered with this dispatcher: those with entries, and those that have none
+    /// left but may still have their link.
     std::vector<QELselRcv*> receivers;
 };
