@@ -1,5 +1,6 @@
 #include "QELtokenBucket.h"
 
+#include <system_error>
 #include <unistd.h>
 
 namespace {
@@ -20,7 +21,12 @@ int QELtokenBucket::start(std::uint32_t rate, std::uint32_t newCapacity) {
     capacity = newCapacity;
     running = true;
     periodNs = nsPerSecond / rate;
-    thread = std::make_unique<std::thread>([this] { refillLoop(*this); });
+    try {
+        thread = std::make_unique<std::thread>([this] { refillLoop(*this); });
+    } catch (const std::system_error&) {
+        running = false;
+        return -1;
+    }
     return 0;
 }
 

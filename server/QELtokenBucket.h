@@ -26,7 +26,8 @@ class QELtokenBucket {
     /// Starts the refill thread.
     /// @param rate      tokens per second, at least 1; above 1,000,000 the thread never sleeps
     /// @param newCapacity  the count climbs to newCapacity - 1 at most
-    /// @return 0; -1, with nothing changed, for rate 0 or a bucket that is running
+    /// @return 0; -1, with nothing changed, for rate 0 or a bucket that is running; -1, with the
+    ///         bucket stopped, when the system has no thread to give
     int start(std::uint32_t rate, std::uint32_t newCapacity);
 
     /// The refill thread's body: sleeps one period and refills, until @p bucket is stopped. The
