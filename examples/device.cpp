@@ -1,7 +1,7 @@
 /// device ADDRESS:PORT
 ///
-/// A process of the device in one thread: takes a neighbour's heartbeats, datagrams to that address,
-/// and logs as "router" when they begin and when none has come for a while.
+/// A process of the device in one thread: takes a neighbour's heartbeats, datagrams to that
+/// address, and logs as "router" when they begin and when none has come for a while.
 
 #include "QELlogger5.h"
 #include "QELlogger5_5424.h"

@@ -17,6 +17,6 @@ class QELmediator {
     virtual void notify(int destinationId, int messageType, void* payload) = 0;
 
   protected:
-    // Mediators are never destroyed through this interface.
+    /// Mediators are never destroyed through this interface.
     ~QELmediator() = default;
 };
