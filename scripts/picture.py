@@ -10,7 +10,7 @@ import pathlib
 import sys
 import xml.sax.saxutils
 
-from support.harness import DEADLINE, MARKER, Server, Viewer, await_true, send_datagrams
+from support.harness import MARKER, Server, Viewer, send_datagrams
 
 # (seconds after 10:20, program, process id, severity, text), in three parts: stored before the viewer
 # comes, logged while it shows everything, and logged while it shows warnings and worse.
@@ -52,18 +52,15 @@ def run_viewer():
         keys = {}
 
         def await_text(text):
-            def there():
-                viewer.read()
-                return text.encode() in viewer.screen
-            await_true(there, f"the screen shows {text!r}")
+            nonlocal screen
+            screen += viewer.read_until(text.encode())
 
         def press(key, last):
-            keys[viewer.screen.count(b"\n")] = key
-            viewer.screen, before = b"", viewer.screen
+            keys[screen.count(b"\n")] = key
             viewer.keys(key.encode())
             await_text(last)
-            viewer.screen = before + viewer.screen
 
+        screen = b""
         await_text(STORED[-1][-1] + "\r\n")
         log(LIVE)
         await_text(LIVE[-1][-1] + "\r\n")
@@ -72,9 +69,8 @@ def run_viewer():
         await_text(WARNINGS[-1][-1] + "\r\n")
         press("I", "sip disabled\r\n")
         press("a", WARNINGS[-1][-1] + "\r\n\r\n")
-        viewer.keys(b"q")
-        assert viewer.process.wait(DEADLINE) == 0
-        return viewer.screen.decode().replace("\r", "").rstrip("\n").split("\n"), keys
+        assert viewer.quit() == 0
+        return screen.decode().replace("\r", "").rstrip("\n").split("\n"), keys
 
 
 def draw(rows, keys):

@@ -8,7 +8,7 @@ import sys
 import tempfile
 import unittest
 
-from support.harness import LOG_DEVICE_TAKEN, MARKER, PROGRAM, LogDevice, Server, TestCase, send_datagrams
+from support.harness import LOG_DEVICE_TAKEN, MARKER, PROGRAM, LogDevice, Server, send_datagrams
 
 TOP = pathlib.Path(__file__).parents[2]
 DOCUMENTS = [TOP / "README.md", *sorted((TOP / "docs").glob("*.md"))]
@@ -45,7 +45,7 @@ def passed_on(device):
     return record[1] + record[2]
 
 
-class Documents(TestCase):
+class Documents(unittest.TestCase):
     def test_links_lead_somewhere(self):
         for document in DOCUMENTS:
             for target in re.findall(r"\]\(([^)]+)\)", document.read_text()):

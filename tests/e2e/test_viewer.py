@@ -5,12 +5,11 @@ import os
 import socket
 import struct
 import subprocess
-import tempfile
 import termios
-import time
 
-from support.harness import (DEADLINE, HYPHENS, PROGRAM, FakeServer, Server, TestCase, Viewer, expect_stream,
-                     idle, message, send_datagrams, shown, wait_for_dump)
+import pytest
+from support.harness import (DEADLINE, HYPHENS, PROGRAM, Viewer, expect_stream, idle, message, send_datagrams, shown,
+                             wait_for_dump)
 
 HELP = b"".join(line + b"\r\n" for line in b"""Key Commands:
  ?   : Print this help text
@@ -36,77 +35,66 @@ HELP = b"".join(line + b"\r\n" for line in b"""Key Commands:
  F   : Trigger server to write all messages to file './logger.txt'""".split(b"\n"))
 
 
-class Keys(TestCase):
-    def expect_raw(self, viewer):
-        iflag, oflag, cflag, lflag, _, _, cc = viewer.settings()
-        self.assertFalse(iflag & (termios.BRKINT | termios.INPCK | termios.ISTRIP | termios.ICRNL | termios.IXON))
-        self.assertFalse(lflag & (termios.ISIG | termios.ICANON | termios.ECHO | termios.IEXTEN))
-        self.assertEqual((oflag, cflag & termios.CSIZE, cc[termios.VMIN], cc[termios.VTIME]),
-                         (viewer.before[1], termios.CS8, 1, 0))
-
-    def test_every_key_prints_what_it_should(self):
-        """One session through the whole key table against a real server, byte by byte."""
-        switches = {b"i": b"sip", b"n": b"nmos", b"r": b"router", b"s": b"sap"}
-        with Server() as server, tempfile.TemporaryDirectory() as desk:
-            debug = {"text": "debug", "app": "router", "severity": 7, "second": 31}
-            server.collect(message("stored"), message("hidden", app="ui"), message(**debug))
-            with Viewer(cwd=desk) as viewer:
-                viewer.expect(viewer.GREETING + shown("stored") + shown(**debug))
-                self.expect_raw(viewer)
-                viewer.press(b"?", HELP)
-                for key, name in switches.items():
-                    viewer.press(key.upper(), b"------ " + name + b" disabled\r\n")
-                    viewer.press(key, b"------ " + name + b" enabled\r\n")
-                viewer.press(b"-", b"------ all disabled\r\n")
-                viewer.press(b"a", HYPHENS + b"\r\n")
-                viewer.press(b"r", b"------ router enabled\r\n")
-                viewer.press(b"a", HYPHENS + shown(**debug) + b"\r\n")
-                viewer.press(b"+", b"------ all enabled\r\n")
-                # Keys that switch no component print nothing: the hyphens are the next key's.
-                viewer.press(b"eElLmMuU\0x", HYPHENS)
-                # Without a meaning, help text or not: one hyphen line each; Ctrl-C and Enter too.
-                viewer.press(b"cwhpvdCWHPVD\x03\r\n~\x80\xff", HYPHENS * 18)
-                viewer.press(b"\x1b[A", HYPHENS * 3)  # a cursor key runs no command
-                viewer.press(b"[a", HYPHENS * 2)
-                viewer.press(b"[q", HYPHENS * 2)
-                viewer.press(b"0", b"Enabling severity up to: 0\r\n")
-                viewer.press(b"a", HYPHENS + b"\r\n")
-                viewer.press(b"3", b"Enabling severity up to: 3\r\n")
-                for level in b"89":
-                    viewer.press(bytes([level]), b"Enabling severity up to: %c\r\n" % level)
-                send_datagrams(message("too fine", severity=4), message("error", severity=3))
-                viewer.expect(shown("error", severity=3))
-                viewer.press(b"7", b"Enabling severity up to: 7\r\n")
-                # 'A' starts again from the server, whose listing now has all five programs' lines.
-                viewer.press(b"A", viewer.GREETING + shown("stored") + shown(**debug)
-                             + shown("too fine", severity=4) + shown("error", severity=3))
-                viewer.press(b"f", b"------ logger.txt created\r\n")
-                self.assertEqual(wait_for_dump(desk).splitlines(), [
-                    message("stored"), message(**debug), message("too fine", severity=4), message("error", severity=3)])
-                viewer.press(b"F", b"Trigger logger server to write a zip file\n\r")
-                self.assertEqual(server.dump().splitlines()[:2],
-                                 [message("stored"), message("hidden", app="ui")])
-                self.assertEqual((viewer.quit(), viewer.screen), (0, b""))
+def expect_raw(viewer):
+    iflag, oflag, cflag, lflag, _, _, cc = viewer.settings()
+    assert not iflag & (termios.BRKINT | termios.INPCK | termios.ISTRIP | termios.ICRNL | termios.IXON)
+    assert not lflag & (termios.ISIG | termios.ICANON | termios.ECHO | termios.IEXTEN)
+    assert ((oflag, cflag & termios.CSIZE, cc[termios.VMIN], cc[termios.VTIME])
+            == (viewer.before[1], termios.CS8, 1, 0))
 
 
-class Stream(TestCase):
-    def test_a_whole_store_arrives(self):
-        """1 MiB of messages in one listing: the screen shows every one, in order."""
-        texts = [f"{n:06} {'.' * (n % 90)}" for n in range(9000)]
-        with FakeServer() as server, Viewer() as viewer:
-            server.accept()
-            server.connection.sendall(b"".join(map(message, texts)))
-            end = time.monotonic() + DEADLINE
-            viewer.expect(viewer.GREETING)
-            screen = b""
-            while texts[-1].encode() + b"\r\n" not in screen[-200:] and time.monotonic() < end:
-                viewer.read()
-                screen, viewer.screen = screen + viewer.screen, b""
-            # A batch may end, and cut a message, where the stream pauses: nearly all are whole, none is out of order.
-            wanted = {shown(text)[:-2]: n for n, text in enumerate(texts)}
-            order = [wanted[line] for line in screen.split(b"\r\n") if line in wanted]
-            self.assertEqual(order, sorted(order))
-            self.assertGreater(len(order), 8900)
+def test_every_key_prints_what_it_should(server, tmp_path):
+    """One session through the whole key table against a real server, byte by byte."""
+    debug = {"text": "debug", "app": "router", "severity": 7, "second": 31}
+    server.collect(message("stored"), message("hidden", app="ui"), message(**debug))
+    with Viewer(cwd=tmp_path) as viewer:
+        viewer.expect(viewer.GREETING + shown("stored") + shown(**debug))
+        expect_raw(viewer)
+        viewer.press(b"?", HELP)
+        for key, name in {b"i": b"sip", b"n": b"nmos", b"r": b"router", b"s": b"sap"}.items():
+            viewer.press(key.upper(), b"------ " + name + b" disabled\r\n")
+            viewer.press(key, b"------ " + name + b" enabled\r\n")
+        viewer.press(b"-", b"------ all disabled\r\n")
+        viewer.press(b"a", HYPHENS + b"\r\n")
+        viewer.press(b"r", b"------ router enabled\r\n")
+        viewer.press(b"a", HYPHENS + shown(**debug) + b"\r\n")
+        viewer.press(b"+", b"------ all enabled\r\n")
+        # Keys that switch no component print nothing: the hyphens are the next key's.
+        viewer.press(b"eElLmMuU\0x", HYPHENS)
+        # Without a meaning, help text or not: one hyphen line each; Ctrl-C and Enter too.
+        viewer.press(b"cwhpvdCWHPVD\x03\r\n~\x80\xff", HYPHENS * 18)
+        viewer.press(b"\x1b[A", HYPHENS * 3)  # a cursor key runs no command
+        viewer.press(b"[a", HYPHENS * 2)
+        viewer.press(b"[q", HYPHENS * 2)
+        viewer.press(b"0", b"Enabling severity up to: 0\r\n")
+        viewer.press(b"a", HYPHENS + b"\r\n")
+        viewer.press(b"3", b"Enabling severity up to: 3\r\n")
+        for level in b"89":
+            viewer.press(bytes([level]), b"Enabling severity up to: %c\r\n" % level)
+        send_datagrams(message("too fine", severity=4), message("error", severity=3))
+        viewer.expect(shown("error", severity=3))
+        viewer.press(b"7", b"Enabling severity up to: 7\r\n")
+        # 'A' starts again from the server, whose listing now has all five programs' lines.
+        viewer.press(b"A", viewer.GREETING + shown("stored") + shown(**debug)
+                     + shown("too fine", severity=4) + shown("error", severity=3))
+        viewer.press(b"f", b"------ logger.txt created\r\n")
+        assert wait_for_dump(tmp_path).splitlines() == [
+            message("stored"), message(**debug), message("too fine", severity=4), message("error", severity=3)]
+        viewer.press(b"F", b"Trigger logger server to write a zip file\n\r")
+        assert server.dump().splitlines()[:2] == [message("stored"), message("hidden", app="ui")]
+        assert (viewer.quit(), viewer.rest()) == (0, b"")
+
+
+def test_a_whole_store_arrives(fake_server, terminal_viewer):
+    """1 MiB of messages in one listing: the screen shows every one, in order."""
+    texts = [f"{n:06} {'.' * (n % 90)}" for n in range(9000)]
+    fake_server.accept()
+    fake_server.connection.sendall(b"".join(map(message, texts)))
+    screen = terminal_viewer.read_until(texts[-1].encode() + b"\r\n")
+    # A batch may end, and cut a message, where the stream pauses: nearly all are whole, none is out of order.
+    wanted = {shown(text)[:-2]: n for n, text in enumerate(texts)}
+    order = [wanted[line] for line in screen.split(b"\r\n") if line in wanted]
+    assert order == sorted(order) and len(order) > 8900
 
 
 # (program, process id, text) as sent, and as a terminal shows them: None for not at all.
@@ -126,99 +114,96 @@ HOSTILE = [
 ]
 
 
-class HostileText(TestCase):
-    def test_control_characters_reach_files_and_pipes_but_no_terminal(self):
-        def line(program, process, text):
-            return b"2024-03-05 10:20:30.123 %s %s-6: %s\r\n" % (program, process, text)
+def test_control_characters_reach_files_and_pipes_but_no_terminal(server, tmp_path):
+    def line(program, process, text):
+        return b"2024-03-05 10:20:30.123 %s %s-6: %s\r\n" % (program, process, text)
 
-        sent = [b"<14>1 2024-03-05T10:20:30.123Z dev01 %s %s - %s" % fields for fields, _ in HOSTILE]
-        passing = [n for n, (_, on_screen) in enumerate(HOSTILE) if on_screen]
-        screen = b"".join(line(*HOSTILE[n][1]) for n in passing)
-        piped = b"".join(line(*HOSTILE[n][0]) for n in passing)
-        with Server() as server, tempfile.TemporaryDirectory() as desk:
-            self.assertEqual(server.collect(*sent), b"\n".join(sent) + b"\n")
-            with Viewer(cwd=desk) as viewer:
-                viewer.expect(viewer.GREETING + screen)
-                viewer.press(b"a", HYPHENS + screen + b"\r\n")
-                for n in passing:
-                    send_datagrams(sent[n])
-                    viewer.expect(line(*HOSTILE[n][1]))
-                viewer.press(b"A", viewer.GREETING + screen * 2)
-                viewer.press(b"f", b"------ logger.txt created\r\n")
-                self.assertEqual(wait_for_dump(desk), b"".join(sent[n] + b"\n" for n in passing) * 2)
-                self.assertEqual(viewer.quit(), 0)
-            # The keyboard is a terminal, what is shown goes to a pipe.
-            with Viewer(stdout=subprocess.PIPE) as viewer, viewer.process.stdout as output:
-                expect_stream(lambda: os.read(output.fileno(), 65536), viewer.GREETING + piped * 2)
-                self.assertEqual(viewer.quit(), 0)
+    sent = [b"<14>1 2024-03-05T10:20:30.123Z dev01 %s %s - %s" % fields for fields, _ in HOSTILE]
+    passing = [n for n, (_, on_screen) in enumerate(HOSTILE) if on_screen]
+    screen = b"".join(line(*HOSTILE[n][1]) for n in passing)
+    piped = b"".join(line(*HOSTILE[n][0]) for n in passing)
+    assert server.collect(*sent) == b"\n".join(sent) + b"\n"
+    with Viewer(cwd=tmp_path) as viewer:
+        viewer.expect(viewer.GREETING + screen)
+        viewer.press(b"a", HYPHENS + screen + b"\r\n")
+        for n in passing:
+            send_datagrams(sent[n])
+            viewer.expect(line(*HOSTILE[n][1]))
+        viewer.press(b"A", viewer.GREETING + screen * 2)
+        viewer.press(b"f", b"------ logger.txt created\r\n")
+        assert wait_for_dump(tmp_path) == b"".join(sent[n] + b"\n" for n in passing) * 2
+        assert viewer.quit() == 0
+    # The keyboard is a terminal, what is shown goes to a pipe.
+    with Viewer(stdout=subprocess.PIPE) as viewer, viewer.process.stdout as output:
+        expect_stream(lambda: os.read(output.fileno(), 65536), viewer.GREETING + piped * 2)
+        assert viewer.quit() == 0
 
 
-class Endings(TestCase):
-    def test_server_gone_leaves_the_keyboard_working(self):
-        cases = [(struct.pack("ii", 0, 0), b"recv(0): Success\nRcv: nothing\r\n"),
-                 (struct.pack("ii", 1, 0), b"recv: Connection reset by peer\nRcv: error\r\n")]
-        for linger, report in cases:
-            with self.subTest(report=report), FakeServer() as server, Viewer() as viewer:
-                server.accept()
-                server.connection.sendall(message("last"))
-                viewer.expect(viewer.GREETING + shown("last"))
-                server.connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, linger)
-                server.close()
-                viewer.expect(report)
-                viewer.press(b"a", HYPHENS + shown("last") + b"\r\n")
-                self.assertTrue(idle(viewer.process.pid))
-                self.assertEqual(viewer.quit(), 0)
+@pytest.mark.parametrize("linger, report", [(0, b"recv(0): Success\nRcv: nothing\r\n"),
+                                            (1, b"recv: Connection reset by peer\nRcv: error\r\n")])
+def test_server_gone_leaves_the_keyboard_working(linger, report, fake_server, terminal_viewer):
+    fake_server.accept()
+    fake_server.connection.sendall(message("last"))
+    terminal_viewer.expect(Viewer.GREETING + shown("last"))
+    fake_server.connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", linger, 0))
+    fake_server.close()
+    terminal_viewer.expect(report)
+    terminal_viewer.press(b"a", HYPHENS + shown("last") + b"\r\n")
+    idle(terminal_viewer.process.pid)
+    assert terminal_viewer.quit() == 0
 
-    def plain_viewer(self, **popen):
-        """`hvlogger client <... | ...`, with the reader of its output."""
-        process = self.enterContext(subprocess.Popen([PROGRAM, "client"], stdout=subprocess.PIPE,
-                                                     stderr=subprocess.DEVNULL, **popen))
-        self.addCleanup(process.kill)
-        return process, lambda: os.read(process.stdout.fileno(), 65536)
 
-    def test_plain_viewer_without_a_keyboard(self):
-        """Shows, never spins, ends with the server; also when its input cannot be read at all."""
-        for path in "/dev/null", "/":
-            stdin = os.open(path, os.O_RDONLY)
-            self.addCleanup(os.close, stdin)
-            with self.subTest(path=path), FakeServer() as server:
-                process, read = self.plain_viewer(stdin=stdin)
-                server.accept()
-                expect_stream(read, Viewer.GREETING + HYPHENS)
-                server.connection.sendall(message("one"))
-                expect_stream(read, shown("one"))
-                self.assertTrue(idle(process.pid))
-                server.close()
-                expect_stream(read, b"Rcv: nothing\r\n")
-                self.assertEqual((process.wait(DEADLINE), read()), (0, b""))
+@contextlib.contextmanager
+def plain_viewer(stdin):
+    """`hvlogger client <... | ...`, with the reader of its output."""
+    with subprocess.Popen([PROGRAM, "client"], stdin=stdin, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL) as process:
+        yield process, lambda: os.read(process.stdout.fileno(), 65536)
+        process.kill()
 
-    def test_keyboard_ends_after_the_server(self):
-        with FakeServer() as server:
-            process, read = self.plain_viewer(stdin=subprocess.PIPE)
-            server.accept()
-            server.close()
-            expect_stream(read, Viewer.GREETING + b"Rcv: nothing\r\n")
-            process.stdin.close()
-            expect_stream(read, HYPHENS)
-            self.assertEqual((process.wait(DEADLINE), read()), (0, b""))
 
-    def test_reader_of_the_output_gone(self):
-        """`hvlogger client | head -1`: ends at once, also when no further line comes."""
-        for more_lines in (False, True):
-            with self.subTest(more_lines=more_lines), FakeServer() as server:
-                reading, writing = os.pipe()
-                with Viewer(stdout=writing) as viewer:
-                    os.close(writing)
-                    server.accept()
-                    expect_stream(lambda end=reading: os.read(end, 100), Viewer.GREETING)
-                    os.close(reading)
-                    with contextlib.suppress(OSError):
-                        if more_lines:
-                            server.connection.sendall(message("line"))
-                    self.assertEqual((viewer.wait(), viewer.settings()), (0, viewer.before))
+@pytest.mark.parametrize("path", ["/dev/null", "/"])
+def test_plain_viewer_without_a_keyboard(path, fake_server):
+    """Shows, never spins, ends with the server; also when its input cannot be read at all."""
+    stdin = os.open(path, os.O_RDONLY)
+    with plain_viewer(stdin) as (process, read):
+        os.close(stdin)
+        fake_server.accept()
+        expect_stream(read, Viewer.GREETING + HYPHENS)
+        fake_server.connection.sendall(message("one"))
+        expect_stream(read, shown("one"))
+        idle(process.pid)
+        fake_server.close()
+        expect_stream(read, b"Rcv: nothing\r\n")
+        assert (process.wait(DEADLINE), read()) == (0, b"")
 
-    def test_full_disk_under_the_output(self):
-        with FakeServer() as server, open("/dev/full", "wb") as full, Viewer(stdout=full) as viewer:
-            server.accept()
-            self.assertEqual((viewer.wait(), viewer.settings()), (255, viewer.before))
-            self.assertEqual(viewer.screen, b"standard output: No space left on device\n")
+
+def test_keyboard_ends_after_the_server(fake_server):
+    with plain_viewer(subprocess.PIPE) as (process, read):
+        fake_server.accept()
+        fake_server.close()
+        expect_stream(read, Viewer.GREETING + b"Rcv: nothing\r\n")
+        process.stdin.close()
+        expect_stream(read, HYPHENS)
+        assert (process.wait(DEADLINE), read()) == (0, b"")
+
+
+@pytest.mark.parametrize("more_lines", [False, True])
+def test_reader_of_the_output_gone(more_lines, fake_server):
+    """`hvlogger client | head -1`: ends at once, also when no further line comes."""
+    reading, writing = os.pipe()
+    with Viewer(stdout=writing) as viewer:
+        os.close(writing)
+        fake_server.accept()
+        expect_stream(lambda: os.read(reading, 100), Viewer.GREETING)
+        os.close(reading)
+        with contextlib.suppress(OSError):
+            if more_lines:
+                fake_server.connection.sendall(message("line"))
+        assert (viewer.wait(), viewer.settings()) == (0, viewer.before)
+
+
+def test_full_disk_under_the_output(fake_server):
+    with open("/dev/full", "wb") as full, Viewer(stdout=full) as viewer:
+        fake_server.accept()
+        assert (viewer.wait(), viewer.settings()) == (255, viewer.before)
+        assert viewer.rest() == b"standard output: No space left on device\n"

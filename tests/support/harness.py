@@ -1,16 +1,15 @@
-"""What the end-to-end tests share: the real program, real sockets, a real terminal, a log device.
+"""What the end-to-end tests and the benchmarks share: the real program, real sockets, a real terminal,
+a log device.
 
-HVLOGGER names the executable. Ports and paths are the program's fixed ones; tests/support/isolated.sh gives
-each test process its own.
+HVLOGGER names the executable. Ports and paths are the program's fixed ones; tests/support/isolated.sh
+gives each test process its own.
 """
 
-import contextlib
-import ctypes
 import gzip
 import os
 import pathlib
-import platform
 import pty
+import re
 import select
 import signal
 import socket
@@ -19,7 +18,9 @@ import subprocess
 import tempfile
 import termios
 import time
-import unittest
+
+import pexpect
+import pexpect.fdpexpect
 
 PROGRAM = os.path.abspath(os.environ["HVLOGGER"])
 SHARED = "HVLOGGER_SHARED" in os.environ  # no namespaces: /dev/log may be somebody else's
@@ -45,20 +46,19 @@ def shown(text, app="sip", severity=6, pid="412", second=30):
 def await_true(condition, what):
     """Waits until condition() is true and returns its value."""
     end = time.monotonic() + DEADLINE
-    while True:
-        value = condition()
-        if value:
-            return value
+    while not (value := condition()):
         if time.monotonic() > end:
             raise AssertionError(f"never happened: {what}")
         time.sleep(0.005)
+    return value
 
 
 def sockets(table):
-    """The kernel's table of sockets ("tcp" or "udp") as (local address, local port, remote port, state, unread bytes)."""
+    """The kernel's table of sockets ("tcp" or "udp") as (local address, local port, remote port, state, unread bytes,
+    last column: of "udp" the datagrams that were dropped)."""
     for row in map(str.split, pathlib.Path("/proc/net", table).read_text().splitlines()[1:]):
         local, remote, state, queues = row[1:5]
-        yield local[:8], int(local[9:], 16), int(remote[9:], 16), state, int(queues.split(":")[1], 16)
+        yield local[:8], int(local[9:], 16), int(remote[9:], 16), state, int(queues.split(":")[1], 16), row[-1]
 
 
 def listening(port=PORT):
@@ -71,16 +71,42 @@ def unread(port, table="tcp"):
     return sum(row[4] for row in sockets(table) if row[1:3] == (PORT, port))
 
 
+def dropped():
+    """Datagrams that the kernel dropped in front of the server's socket."""
+    return sum(int(row[5]) for row in sockets("udp") if row[1] == PORT)
+
+
 def cpu_ns(pid):
     """Processor time that the process has used, in nanoseconds."""
     return int(pathlib.Path(f"/proc/{pid}/schedstat").read_text().split()[0])
 
 
+def status(pid, field="VmRSS"):
+    """A number of /proc/PID/status."""
+    return int(re.search(rf"^{field}:\s+(\d+)", pathlib.Path(f"/proc/{pid}/status").read_text(), re.M)[1])
+
+
 def idle(pid):
-    """Whether the process waits; one that spins uses nearly all of this time."""
-    before = cpu_ns(pid)
-    time.sleep(0.4)
-    return cpu_ns(pid) - before < 100_000_000
+    """Waits until the process sleeps, and is never found awake, nor having been awake, for a while. However busy the
+    machine, one that waits passes and one that spins or polls does not."""
+    def sleeps():
+        looks = set()
+        for _ in range(20):
+            text = pathlib.Path(f"/proc/{pid}/status").read_text()
+            looks.add((re.search(r"State:\s+(\w)", text)[1], text[text.index("voluntary_ctxt_switches"):]))
+            time.sleep(0.005)
+        return len(looks) == 1 and looks.pop()[0] == "S"
+    return await_true(sleeps, "the process sleeps")
+
+
+def paced(rate, count):
+    """Yields the numbers up to count in ranges, each when it is due at so many a second."""
+    start, done = time.monotonic(), 0
+    while done < count:
+        due = min(int((time.monotonic() - start) * rate), count)
+        yield range(done, due)
+        done = due
+        time.sleep(0.001)
 
 
 def send_datagrams(*datagrams, address="127.0.0.1"):
@@ -91,31 +117,18 @@ def send_datagrams(*datagrams, address="127.0.0.1"):
 
 def expect_stream(read, data, received=b""):
     """Calls read() until what it returned in all is exactly data."""
-    while len(received) < len(data):
-        chunk = read()
-        if not chunk:
-            break
+    while len(received) < len(data) and (chunk := read()):
         received += chunk
-    if received != data:
-        raise AssertionError(f"stream is {received[:5000]!r}, not {data[:5000]!r}")
+    assert received == data
 
 
-def failing(call, error):
-    """Has a system call fail in a program that is started with the result as preexec_fn (seccomp(2))."""
-    numbers = {"x86_64": {"listen": 50, "pselect6": 270}, "aarch64": {"listen": 201, "pselect6": 72}}
-    if platform.machine() not in numbers:
-        raise unittest.SkipTest("system call numbers of this machine are not known")
-    load, equal, give, fail, allow = 0x20, 0x15, 0x06, 0x50000, 0x7FFF0000
-    code = ctypes.create_string_buffer(b"".join(struct.pack("HBBI", *line) for line in [
-        (load, 0, 0, 0), (equal, 0, 1, numbers[platform.machine()][call]), (give, 0, 0, fail | error), (give, 0, 0, allow)]))
-    program = struct.pack("HP", 4, ctypes.addressof(code))
-    prctl, no_new_privileges, seccomp, filtering = ctypes.CDLL(None).prctl, 38, 22, 2
-
-    def install():
-        if prctl(no_new_privileges, 1, 0, 0, 0) or prctl(seccomp, filtering, program):
-            raise OSError("no system call filters here")
-        return code
-    return install
+def wait_for_dump(folder):
+    """The compressed dump's content, once the background job has moved it into place; removes it."""
+    path = pathlib.Path(folder, "logger.txt.gz")
+    await_true(path.exists, "the compressed dump appears")
+    content = gzip.decompress(path.read_bytes())
+    path.unlink()
+    return content
 
 
 class LogDevice:
@@ -130,7 +143,7 @@ class LogDevice:
 
     def __exit__(self, *_):
         self.socket.close()
-        os.unlink("/dev/log")
+        pathlib.Path("/dev/log").unlink(missing_ok=True)
 
     def record(self):
         return self.socket.recv(65536)
@@ -143,26 +156,17 @@ class LogDevice:
 class Server:
     """`hvlogger server` in a directory of its own."""
 
-    def __init__(self, *arguments, may_linger=SHARED, **popen):
-        self.arguments = arguments
-        self.may_linger = may_linger
-        self.popen = popen
+    def __init__(self, *arguments, **popen):
+        self.arguments, self.popen = arguments, popen
 
     def __enter__(self):
         self.directory = tempfile.TemporaryDirectory()
-        self.output_path = os.path.join(self.directory.name, "output")
-        end = time.monotonic() + 2 * DEADLINE
-        while True:
-            with open(self.output_path, "wb") as output:
-                self.process = subprocess.Popen([PROGRAM, "server", *self.arguments],
-                                                cwd=self.directory.name, stdin=subprocess.DEVNULL,
-                                                stdout=output, stderr=output, **self.popen)
-            await_true(lambda: listening() or self.process.poll() is not None, "server starts")
-            # On shared ports a former test's connection may linger for a minute.
-            lingering = self.may_linger and b"Cannot bind" in self.output and time.monotonic() < end
-            if not lingering:
-                return self
-            time.sleep(1)
+        self.output_path = pathlib.Path(self.directory.name, "output")
+        with open(self.output_path, "wb") as output:
+            self.process = subprocess.Popen([PROGRAM, "server", *self.arguments], cwd=self.directory.name,
+                                            stdin=subprocess.DEVNULL, stdout=output, stderr=output, **self.popen)
+        await_true(lambda: listening() or self.process.poll() is not None, "server starts")
+        return self
 
     def __exit__(self, *_):
         if self.process.poll() is None:
@@ -171,7 +175,7 @@ class Server:
 
     @property
     def output(self):
-        return pathlib.Path(self.output_path).read_bytes()
+        return self.output_path.read_bytes()
 
     def dump(self):
         """Waits for the dump file that was asked for and returns its content."""
@@ -185,6 +189,12 @@ class Server:
     def descriptors(self):
         """What is open but the standard descriptors."""
         return sorted(fd for fd in os.listdir(f"/proc/{self.process.pid}/fd") if int(fd) > 2)
+
+    def jobs(self):
+        """The dump's processes: whose working directory is the server's."""
+        found = subprocess.run(f"readlink /proc/[0-9]*/cwd | grep -cx {os.path.realpath(self.directory.name)}",
+                               shell=True, stdout=subprocess.PIPE, check=True)
+        return int(found.stdout) - 1
 
     def stop(self, with_signal=signal.SIGINT):
         """Ends the server and returns its exit status."""
@@ -225,7 +235,8 @@ class RawViewer:
         for start in range(0, len(texts), 50):
             datagrams = [message(text) for text in texts[start:start + 50]]
             send_datagrams(*datagrams)
-            self.expect(self.received + b"".join(datagrams))
+            expect_stream(lambda: self.socket.recv(65536), b"".join(datagrams))
+            self.received += b"".join(datagrams)
 
     def waiting(self):
         return bool(select.select([self.socket], [], [], 0)[0])
@@ -268,14 +279,14 @@ class Terminal:
     """A program on a real terminal whose output processing is off, so that every byte shows."""
 
     def __init__(self, *command, **popen):
-        self.master, self.slave = pty.openpty()
-        settings = termios.tcgetattr(self.slave)
+        master, self.slave = pty.openpty()
+        settings = self.settings()
         settings[1] &= ~termios.OPOST
         termios.tcsetattr(self.slave, termios.TCSANOW, settings)
-        self.before = termios.tcgetattr(self.slave)
-        streams = {"stdin": self.slave, "stdout": self.slave, "stderr": self.slave, **popen}
-        self.process = subprocess.Popen(command, start_new_session=True, **streams)
-        self.screen = b""
+        self.before = self.settings()
+        self.process = subprocess.Popen(command, start_new_session=True, **{
+            "stdin": self.slave, "stdout": self.slave, "stderr": self.slave, **popen})
+        self.screen = pexpect.fdpexpect.fdspawn(master, timeout=DEADLINE, maxread=1 << 16)
 
     def __enter__(self):
         return self
@@ -284,41 +295,38 @@ class Terminal:
         if self.process.poll() is None:
             self.process.kill()
             self.process.wait()
-        with contextlib.suppress(OSError):
-            os.close(self.master)
+        self.screen.close()
         os.close(self.slave)
 
     def keys(self, data):
-        os.write(self.master, data)
+        self.screen.send(data)
 
     def settings(self):
         return termios.tcgetattr(self.slave)
 
-    def read(self):
-        if select.select([self.master], [], [], 0.05)[0]:
-            self.screen += os.read(self.master, 65536)
+    def read_until(self, data):
+        """What shows from where the last expectation ended, up to data."""
+        self.screen.expect_exact(data)
+        return self.screen.before + data
 
     def expect(self, data):
-        """Waits until the screen, from where the last expectation ended, begins with exactly data."""
-        end = time.monotonic() + DEADLINE
-        while len(self.screen) < len(data) and data.startswith(self.screen) and time.monotonic() < end:
-            self.read()
-        if not self.screen.startswith(data):
-            raise AssertionError(f"screen shows {self.screen[:2000]!r}, not {data!r}")
-        self.screen = self.screen[len(data):]
+        """What shows from where the last expectation ended must begin with exactly data."""
+        assert self.read_until(data) == data
 
     def press(self, key, data):
         """Presses a key and expects what it prints."""
         self.keys(key)
         self.expect(data)
 
+    def rest(self):
+        """What shows beyond what was expected."""
+        self.screen.expect_exact(pexpect.TIMEOUT, timeout=0)
+        return self.screen.before
+
     def wait(self):
         """Waits for the program's end while reading its output; returns the exit status."""
-        end = time.monotonic() + DEADLINE
-        while self.process.poll() is None and time.monotonic() < end:
-            self.read()
-        self.read()
-        return self.process.wait(0.1)
+        await_true(lambda: self.rest() is None or self.process.poll() is not None, "the program ends")
+        return self.process.returncode
 
 
 class Viewer(Terminal):
@@ -332,21 +340,6 @@ class Viewer(Terminal):
     def quit(self):
         """Ends with the key 'q'; the terminal must be as before. Returns the exit status."""
         self.keys(b"q")
-        status = self.wait()
-        if self.settings() != self.before:
-            raise AssertionError("the terminal is not restored")
-        return status
-
-
-def wait_for_dump(folder):
-    """The compressed dump's content, once the background job has moved it into place; removes it."""
-    path = pathlib.Path(folder, "logger.txt.gz")
-    await_true(path.exists, "the compressed dump appears")
-    with gzip.open(path) as dump:
-        content = dump.read()
-    path.unlink()
-    return content
-
-
-class TestCase(unittest.TestCase):
-    maxDiff = None
+        exit_status = self.wait()
+        assert self.settings() == self.before, "the terminal is not restored"
+        return exit_status
