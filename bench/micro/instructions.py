@@ -2,14 +2,11 @@
 """Counts the instructions of one append into a full store and of one server cycle, the same on every
 run and whatever else the machine does, for comparing one version with the next.
 
-    PYTHONPATH=bench/system ./bench/micro/instructions.py
-
-Needs valgrind. Runs in private network and mount namespaces.
+    bench/run.sh instructions
 """
 import re
 import subprocess
 
-import compare
 
 FEW, MANY = 1_000, 3_000
 COUNTED = {"append": "QELloggerSyslogFmt::append(*", "cycle": "QELselector::runOnce()"}
@@ -18,13 +15,12 @@ COUNTED = {"append": "QELloggerSyslogFmt::append(*", "cycle": "QELselector::runO
 def count(mode, times):
     run = subprocess.run(
         ["valgrind", "--tool=callgrind", "--callgrind-out-file=/dev/null",
-         f"--toggle-collect={COUNTED[mode]}", str(compare.BUILD / "bench/micro/instructions"), mode,
+         f"--toggle-collect={COUNTED[mode]}", "build-bench/bench/micro/instructions", mode,
          str(times)], check=True, capture_output=True, text=True)
     return int(re.search(r"Collected : (\d+)", run.stderr)[1])
 
 
 def main():
-    compare.enter_namespaces(__file__)
     for mode in COUNTED:
         # The difference leaves out what only the first ones need.
         each = (count(mode, MANY) - count(mode, FEW)) / (MANY - FEW)

@@ -2,10 +2,9 @@
 """Compares hvlogger with rsyslog, syslog-ng and the floor (bench/system/floor.cpp), each doing the same
 work: UDP messages in, every one to the local log socket and to one TCP viewer.
 
-    ./bench/system/compare.py [--rounds N] [--json FILE]
+    bench/run.sh compare [--rounds N] [--json FILE]
 
-Run as root, on an idle machine, after bench/system/peers.sh; builds what it measures. Everything happens in
-private network and mount namespaces. Prints medians over the rounds and ratios to the floor.
+Prints medians over the rounds and ratios to the floor.
 """
 import argparse
 import json
@@ -22,9 +21,6 @@ ROOT = pathlib.Path(__file__).resolve().parents[2]
 BUILD = ROOT / "build-bench"
 LOAD = str(BUILD / "bench/system/load")
 OWN_PORT, SINK_PORT = 50000, 50001
-INSIDE = "HVLOGGER_INSIDE"  # set in the namespaces: the descriptor of RMEM
-RMEM = "/proc/sys/net/core/rmem_default"
-LARGE_BUFFER = 4 << 20
 
 RSYSLOG = """
 module(load="imudp")
@@ -159,18 +155,6 @@ def burst(limit, step):
     return measure
 
 
-def burst_large(system):
-    """The setting is the whole machine's and can be written only from outside the namespace: by a
-    descriptor opened there."""
-    descriptor = int(os.environ[INSIDE])
-    before = pathlib.Path(RMEM).read_bytes()
-    os.pwrite(descriptor, str(LARGE_BUFFER).encode(), 0)
-    try:
-        return burst(20_000, 50)(system)
-    finally:
-        os.pwrite(descriptor, before, 0)
-
-
 def latencies(system):
     with system:
         system.offer(1_000, 200)
@@ -199,7 +183,6 @@ ROWS = [
     (["processor time at 30,000/s, us a message"], lambda s: [processor_time(30_000)(s)]),
     (["rate without loss, messages/s"], lambda s: [lossless_rate(s)]),
     (["burst received whole, default buffers"], lambda s: [burst(2_000, 4)(s)]),
-    (["burst received whole, rmem_default 4 MiB"], lambda s: [burst_large(s)]),
     (["latency to the viewer p50, us", "latency to the viewer p99, us"], latencies),
     (["resident with a full store, MiB", "resident after an overload, MiB"], memory),
     (["start to the first message taken, ms"],
@@ -247,28 +230,12 @@ def systems(folder):
     return found
 
 
-def enter_namespaces(script):
-    """Builds the benchmarks and starts the script again in namespaces of its own."""
-    if INSIDE in os.environ:
-        if "HVLOGGER_SHARED" in os.environ:
-            sys.exit(f"{script} needs namespaces of its own")
-        return
-    for step in ["cmake", "--preset", "bench"], ["cmake", "--build", "--preset", "bench"]:
-        subprocess.run(step, cwd=ROOT, check=True, stdout=sys.stderr)
-    descriptor = os.open(RMEM, os.O_WRONLY)
-    os.set_inheritable(descriptor, True)
-    os.environ[INSIDE] = str(descriptor)
-    os.execv(ROOT / "tests/support/isolated.sh",
-             ["isolated.sh", sys.executable, "-B", script, *sys.argv[1:]])
-
-
 def main():
     parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
     parser.add_argument("--rounds", type=int, default=3)
     parser.add_argument("--json", type=pathlib.Path)
     parser.add_argument("--only", default="", help="measure only rows whose name contains this")
     arguments = parser.parse_args()
-    enter_namespaces(__file__)
     rows = [row for row in ROWS if any(arguments.only in name for name in row[0])]
     values = {}
     with tempfile.TemporaryDirectory() as folder:

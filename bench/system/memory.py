@@ -2,7 +2,7 @@
 """What the server keeps in memory: resident bytes per stored byte with a full store of 100-byte
 messages, and whether they grow from one million datagrams to ten.
 
-    ./bench/system/memory.py
+    bench/run.sh memory
 
 Run as root, on an idle machine; takes about six minutes. Everything happens in private network and
 mount namespaces.
@@ -27,7 +27,6 @@ def offer(system, count):
 
 
 def main():
-    compare.enter_namespaces(__file__)
     started = time.monotonic()
     with compare.System("hvlogger", [str(compare.BUILD / "hvlogger"), "server"],
                         compare.OWN_PORT) as system:

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """What the viewer costs on a terminal.
 
-    ./bench/system/viewer.py [--rounds N] [--json FILE]
+    bench/run.sh viewer [--rounds N] [--json FILE]
 
 First a full listing on a pty, from starting the viewer to its last byte, beside cat writing the same
 bytes; then single messages at 250 a second, datagram to screen, beside rsyslog writing a file that
@@ -181,7 +181,6 @@ def main():
     parser.add_argument("--rounds", type=int, default=5)
     parser.add_argument("--json", type=pathlib.Path)
     arguments = parser.parse_args()
-    compare.enter_namespaces(__file__)
 
     values = {}
 

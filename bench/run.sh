@@ -1,0 +1,47 @@
+#!/usr/bin/env bash
+# run.sh NAME [ARGUMENT...]   installs what is missing, builds what ships into build-bench/, and runs
+#   compare, viewer, memory, burst   what it costs, beside other systems (bench/system)
+#   reliability [CASE...]            what it does when others misbehave (bench/reliability)
+#   store, selector, instructions    what its parts cost (bench/micro)
+# in namespaces of its own. Needs root; figures that are to be told need an idle machine.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+usage() {
+    sed -n '2,/^set/s/^# \?//p' "$0"
+    exit "$1"
+}
+
+# rsyslog, and syslog-ng, which Debian does not install beside it: unpacked into build/peers.
+peers() {
+    install_missing rsyslog libcap2 libglib2.0-0 libivykis0 libjson-c5 libnet1 libpcre3 libssl3 libsystemd0 libwrap0
+    mkdir -p build/peers
+    (cd build/peers && [ -x usr/sbin/syslog-ng ] ||
+        { apt-get download syslog-ng-core && dpkg -x syslog-ng-core_*.deb .; } >&2)
+}
+
+name=${1-}
+case $name in
+compare | viewer | memory | burst) command=(/usr/bin/python3 -B "bench/system/$name.py") ;;
+instructions) command=(/usr/bin/python3 -B bench/micro/instructions.py) ;;
+store | selector) command=("build-bench/bench/micro/${name}_bench") ;;
+reliability) command=(/usr/bin/python3 -B bench/reliability/run.py) ;;
+-h | --help) usage 0 ;;
+*) usage 1 >&2 ;;
+esac
+shift
+
+. scripts/packages.sh
+install_missing g++ cmake ninja-build libbenchmark-dev gzip util-linux iproute2 python3
+case $name in
+compare) peers ;;
+viewer) install_missing rsyslog ;;
+instructions) install_missing valgrind ;;
+esac
+cmake --preset bench >/dev/null
+cmake --build --preset bench >&2
+export HVLOGGER=${HVLOGGER-$PWD/build-bench/hvlogger}
+if [ "$name" = reliability ]; then # isolates each case by itself
+    PYTHONPATH=tests exec "${command[@]}" "$@"
+fi
+exec tests/support/isolated.sh "${command[@]}" "$@"
