@@ -71,10 +71,13 @@ int runServer(std::uint32_t address, const std::vector<std::string>& programName
 
     QELselector dispatcher;
     dispatcher.addRead(&logServer, logServer.socket.fd);
+    tcpServer.collecting = true;
     while (appRunning) {
-        // Listening socket or viewer connection: whichever the state asks for now.
+        // Listening socket or viewer connection: whichever the state asks for now. The log port was
+        // opened before them, so its burst comes first in a cycle.
         dispatcher.addRead(&tcpServer, tcpServer.getSelectFd());
         const int result = dispatcher.runOnce();
+        tcpServer.sendCollected(); // all that this cycle had for the viewer, in one send
         if (result < 0) {
             std::cout << "Select error " << result << std::endl;
             return result;

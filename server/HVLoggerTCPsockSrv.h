@@ -1,21 +1,20 @@
 #pragma once
 
+#include "HVLoggerOutbox.h"
 #include "HVLoggerTCPsock.h"
+#include "HVLoggerViewerWatch.h"
 #include "QELselTimer.h"
 
-#include <cstddef>
 #include <cstdint>
 #include <string>
-#include <string_view>
 
 /// The server's end of the viewer connection: owns the listening socket and, while a viewer is
 /// there, its connection. One viewer at a time; others wait in the backlog, and meanwhile the
 /// listening socket is not watched.
 ///
-/// A viewer never holds up the server. What its connection cannot take at once is kept in order and
-/// sent as the connection becomes writable; a viewer that leaves more than pendingLimit bytes
-/// unread is disconnected, and so is one that has vanished: the connection's keep-alive finds it
-/// when nothing is sent, and acknowledgements that stay away when something is.
+/// A viewer never holds up the server. What its connection cannot take at once waits in an
+/// HVLoggerOutbox; a viewer that leaves more there than its limit is disconnected, and so is one
+/// that has vanished (HVLoggerViewerWatch).
 ///
 /// The owner opens and binds the socket, sets connFd to it, calls startListening(), and registers
 /// this receiver for reading under getSelectFd() before every dispatcher cycle.
@@ -30,6 +29,10 @@ class HVLoggerTCPsockSrv : public HVLoggerTCPsock {
     };
 
     int state = stateListening;
+
+    /// Whether listings and messages are collected until the owner calls sendCollected(), after
+    /// every dispatcher cycle. Otherwise each is sent at once.
+    bool collecting = false;
 
     using HVLoggerTCPsock::HVLoggerTCPsock;
     ~HVLoggerTCPsockSrv() override;
@@ -49,7 +52,7 @@ class HVLoggerTCPsockSrv : public HVLoggerTCPsock {
 
     /// Accepts the viewer that is waiting on the listening socket. Nothing is read yet: its
     /// connection says itself when a command is there.
-    /// @return false, still listening and about to try again, when the system refuses
+    /// @return false, still listening, when the system refuses; it is asked again after a pause
     bool acceptViewer();
 
     /// Reads a batch and obeys the command at its start. @return false when the viewer has gone
@@ -60,42 +63,30 @@ class HVLoggerTCPsockSrv : public HVLoggerTCPsock {
     /// than 4 bytes and unknown commands.
     void handleCommand();
 
-    /// Sends the newest stored message to the viewer, if one is connected.
+    /// Sends the newest stored message to the viewer, if one is connected that has not ended its
+    /// side.
     void forwardNewest();
 
-    /// What the viewer's connection could not take yet, at most.
-    static constexpr std::size_t pendingLimit = 0x400000; // 4 MiB
+    /// Sends in one go what has been collected for the viewer.
+    void sendCollected();
 
   private:
-    /// Sends what is pending when the connection is writable.
-    class Writer : public QELselRcv {
-      public:
-        explicit Writer(HVLoggerTCPsockSrv& server) : owner(server) {}
-        bool onReady(std::int64_t nowUs) override;
-
-      private:
-        HVLoggerTCPsockSrv& owner;
+    /// Armed while the listening socket is not watched because the system refused a connection,
+    /// which would wake the server in every cycle.
+    struct Pause : QELselTimer {
+        std::uint64_t onTimer(std::int64_t /*nowUs*/) override { return 0; }
     };
 
-    /// Looks now and then whether the viewer still acknowledges what it was sent; without a viewer,
-    /// ends the pause after the system refused one.
-    class Watch : public QELselTimer {
-      public:
-        explicit Watch(HVLoggerTCPsockSrv& server) : owner(server) {}
-        std::uint64_t onTimer(std::int64_t nowUs) override;
-
-      private:
-        HVLoggerTCPsockSrv& owner;
-    };
-
-    void startWatch(std::uint64_t intervalUs);
-    void sendToViewer(std::string_view text);
-    std::size_t sendNow(std::string_view text);
-    [[nodiscard]] bool viewerVanished() const;
+    void sendToViewer(std::string&& text);
+    void hangUpIfDone();
     void hangUp();
 
-    bool unwatched = false; // see getSelectFd()
-    std::string pending;    // accepted for the viewer and not sent yet, oldest first
-    Writer writer{*this};
-    Watch watch{*this};
+    bool viewerEnded = false; // nothing more comes from the viewer, but it may still read
+    HVLoggerOutbox outbox{[this] {
+        hangUpIfDone();
+    }};
+    HVLoggerViewerWatch watch{[this] {
+        hangUp();
+    }};
+    Pause pause;
 };

@@ -160,7 +160,7 @@ class Session {
     void expect(const std::string& text) {
         expected += text;
         if (server.state != HVLoggerTCPsockSrv::stateConnected) {
-            require(expected.size() - arrived > HVLoggerTCPsockSrv::pendingLimit,
+            require(expected.size() - arrived > HVLoggerOutbox::limit,
                     "a viewer that reads is kept");
             connectViewer();
         }

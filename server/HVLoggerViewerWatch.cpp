@@ -1,0 +1,54 @@
+#include "HVLoggerViewerWatch.h"
+
+#include "QELselector.h"
+
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#include <utility>
+
+namespace {
+
+// A silent viewer is asked for a sign of life after 15 s, then every 10 s, and given up after the
+// fourth time: within 60 s of silence (tcp(7)).
+constexpr int keepAliveIdleSeconds = 15;
+constexpr int keepAliveIntervalSeconds = 10;
+constexpr int keepAliveProbes = 4;
+
+constexpr std::uint64_t lookIntervalUs = 10'000'000;
+/// A viewer that has acknowledged nothing for so long is given up.
+constexpr unsigned unacknowledgedLimitMs = 40'000;
+
+/// Can only fail on what is no TCP connection.
+void set(int connection, int level, int option, int value) {
+    static_cast<void>(::setsockopt(connection, level, option, &value, sizeof value));
+}
+
+} // namespace
+
+HVLoggerViewerWatch::HVLoggerViewerWatch(std::function<void()> whenVanished)
+    : vanished(std::move(whenVanished)) {}
+
+void HVLoggerViewerWatch::start(int descriptor, QELselector* dispatcher) {
+    connection = descriptor;
+    set(connection, SOL_SOCKET, SO_KEEPALIVE, 1);
+    set(connection, IPPROTO_TCP, TCP_KEEPIDLE, keepAliveIdleSeconds);
+    set(connection, IPPROTO_TCP, TCP_KEEPINTVL, keepAliveIntervalSeconds);
+    set(connection, IPPROTO_TCP, TCP_KEEPCNT, keepAliveProbes);
+    if (dispatcher != nullptr) {
+        dispatcher->setTimer(this,
+                             static_cast<std::uint64_t>(QELselector::nowUs()) + lookIntervalUs);
+    }
+}
+
+std::uint64_t HVLoggerViewerWatch::onTimer(std::int64_t nowUs) {
+    tcp_info info{};
+    socklen_t length = sizeof info;
+    if (::getsockopt(connection, IPPROTO_TCP, TCP_INFO, &info, &length) == 0) {
+        if (info.tcpi_unacked > 0 && info.tcpi_last_ack_recv >= unacknowledgedLimitMs) {
+            vanished();
+            return 0;
+        }
+    }
+    return static_cast<std::uint64_t>(nowUs) + lookIntervalUs;
+}
