@@ -5,6 +5,8 @@
 
 #include <cstddef>
 #include <cstring>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 #include <utility>
@@ -62,6 +64,9 @@ bool HVLoggerTCPsockSrv::acceptViewer() {
     }
     connFd = accepted;
     state = stateConnected;
+    // The end of a message is not to wait until what went before is acknowledged.
+    const int on = 1;
+    static_cast<void>(::setsockopt(connFd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on));
     watch.start(connFd, selector);
     // A second viewer makes the listening socket ready: not watched, it waits without waking
     // anyone.
