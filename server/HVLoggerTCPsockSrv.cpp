@@ -14,8 +14,8 @@
 namespace {
 
 constexpr std::uint64_t acceptRetryUs = 100'000;
-/// A server reads what a viewer sends in one go as one batch, of which only the start counts.
-constexpr std::size_t commandsLimit = 0x400000;
+/// What a viewer sends faster than it is read must not keep the server from its datagrams.
+constexpr std::size_t commandsLimit = 0x2000;
 
 } // namespace
 
@@ -75,8 +75,9 @@ bool HVLoggerTCPsockSrv::acceptViewer() {
 }
 
 bool HVLoggerTCPsockSrv::receiveCommands() {
-    rxData.clear();
-    const int received = readArrived(commandsLimit);
+    rxData.resize(commandsLimit);
+    const int received = receiveData(rxData.data(), commandsLimit);
+    rxData.resize(received > 0 ? static_cast<std::size_t>(received) : 0);
     if (received < 0) {
         return false;
     }

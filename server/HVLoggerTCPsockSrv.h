@@ -55,8 +55,8 @@ class HVLoggerTCPsockSrv : public HVLoggerTCPsock {
     /// @return false, still listening, when the system refuses; it is asked again after a pause
     bool acceptViewer();
 
-    /// Reads a batch and obeys the command at its start. @return false when the viewer has gone
-    /// (listening again) or the read failed
+    /// Reads a batch, 8 KiB at most, and obeys the command at its start. @return false when the
+    /// viewer has gone (listening again) or the read failed
     bool receiveCommands();
 
     /// Obeys the command in the first 4 bytes of rxData; the rest of a batch is ignored, like fewer
