@@ -9,8 +9,10 @@
 /// machine went down without a word. Does not own the connection.
 ///
 /// A viewer that is silent is asked by keep-alive. One that is being sent something is not, and the
-/// kernel alone would go on for a quarter of an hour; so this class looks every ten seconds whether
-/// anything is acknowledged. A viewer that is only stopped stays: its kernel answers.
+/// kernel alone would go on for a quarter of an hour; one that is paused, its receive window full,
+/// is asked by window probes, which the kernel sends ever more rarely and for as long as it takes.
+/// So this class looks every ten seconds whether the questions are answered. A viewer that is only
+/// stopped stays: its kernel answers.
 class HVLoggerViewerWatch : public QELselTimer {
   public:
     /// @param whenVanished  called when the viewer has vanished, after the last look at it
