@@ -57,6 +57,9 @@ int runServer(std::uint32_t address, const std::vector<std::string>& programName
         return -1;
     }
     tcpServer.connFd = tcpServer.fd;
+    // What a former server's viewers have left of their connections is not in the way.
+    const int on = 1;
+    tcpServer.setOption(SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     if (tcpServer.bind(viewerAddress) != 0) {
         std::cout << "Cannot bind to port: " << viewerAddress.port() << std::endl;
         return -1;
