@@ -23,6 +23,18 @@ void onSignal(int signalNumber) {
     }
 }
 
+namespace {
+
+bool watch(QELselector& dispatcher, QELselRcv& receiver, int fd) {
+    if (dispatcher.addRead(&receiver, fd)) {
+        return true;
+    }
+    std::cerr << "Cannot watch descriptor " << fd << ": too many are open" << std::endl;
+    return false;
+}
+
+} // namespace
+
 int runServer(std::uint32_t address, const std::vector<std::string>& programNames) {
 #ifdef __GLIBC__
     // Listings, and what is kept for a slow viewer, go back to the system instead of staying in the
@@ -73,7 +85,10 @@ int runServer(std::uint32_t address, const std::vector<std::string>& programName
     mediator.addComponent(idTcpServer, &tcpServer);
 
     QELselector dispatcher;
-    dispatcher.addRead(&logServer, logServer.socket.fd);
+    if (!watch(dispatcher, logServer, logServer.socket.fd) ||
+        !watch(dispatcher, tcpServer, tcpServer.getSelectFd())) {
+        return -1;
+    }
     tcpServer.collecting = true;
     while (appRunning) {
         // Listening socket or viewer connection: whichever the state asks for now. The log port was

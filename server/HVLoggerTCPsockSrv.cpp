@@ -54,6 +54,10 @@ bool HVLoggerTCPsockSrv::onReady(std::int64_t /*nowUs*/) {
 
 bool HVLoggerTCPsockSrv::acceptViewer() {
     const int accepted = ::accept4(fd, nullptr, nullptr, SOCK_CLOEXEC);
+    if (accepted >= QELselector::descriptorLimit) {
+        ::close(accepted);
+        return false;
+    }
     if (accepted < 0) {
         if (selector != nullptr) {
             selector->setTimer(&pause,

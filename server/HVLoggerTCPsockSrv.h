@@ -52,7 +52,8 @@ class HVLoggerTCPsockSrv : public HVLoggerTCPsock {
 
     /// Accepts the viewer that is waiting on the listening socket. Nothing is read yet: its
     /// connection says itself when a command is there.
-    /// @return false, still listening, when the system refuses; it is asked again after a pause
+    /// @return false, still listening, when the system refuses (it is asked again after a pause) or
+    ///         gives a descriptor that no dispatcher takes (the viewer is turned away)
     bool acceptViewer();
 
     /// Reads a batch, 8 KiB at most, and obeys the command at its start. @return false when the
