@@ -9,8 +9,12 @@
 
 #include <csignal>
 #include <cstdlib>
+#include <fcntl.h>
 #include <iostream>
+#include <string>
 #include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
 #ifdef __GLIBC__
 #include <malloc.h>
 #endif
@@ -24,6 +28,33 @@ void onSignal(int signalNumber) {
 }
 
 namespace {
+
+/// Lets a terminal, pipe or socket that takes nothing now cost the text, not the time of those who
+/// log. Terminals and pipes are shared with other programs, which may want to wait: the descriptor
+/// gets an open file description of its own. There is none to be had for a socket, as a service has
+/// it, nor for a pipe of another user; those of a terminal of another user still wait.
+void neverWait(int fd) {
+    struct stat status = {};
+    const int flags = fcntl(fd, F_GETFL);
+    if (flags < 0 || fstat(fd, &status) != 0 || S_ISREG(status.st_mode)) {
+        return; // a file takes everything, where its description stands
+    }
+    const int own = open(("/proc/self/fd/" + std::to_string(fd)).c_str(),
+                         (flags & O_ACCMODE) | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    if (own >= 0) {
+        dup2(own, fd);
+        close(own);
+    } else if (isatty(fd) == 0) {
+        fcntl(fd, F_SETFL, flags | O_NONBLOCK);
+    }
+}
+
+/// Says one line on standard output, also after one that could not be written.
+template <class... Part>
+void say(const Part&... parts) {
+    std::cout.clear();
+    (std::cout << ... << parts) << std::endl;
+}
 
 bool watch(QELselector& dispatcher, QELselRcv& receiver, int fd) {
     if (dispatcher.addRead(&receiver, fd)) {
@@ -42,12 +73,14 @@ int runServer(std::uint32_t address, const std::vector<std::string>& programName
     constexpr int mappedFrom = 0x20000;
     mallopt(M_MMAP_THRESHOLD, mappedFrom);
 #endif
-    std::cout << "***** Halvane logger *****" << std::endl;
+    neverWait(STDOUT_FILENO);
+    neverWait(STDERR_FILENO);
+    say("***** Halvane logger *****");
     std::signal(SIGINT, onSignal);
 
     QELlogger5srvSel logServer;
     if (logServer.open(loggerPort) != 0) {
-        std::cout << "Cannot listen at logger port " << loggerPort << std::endl;
+        say("Cannot listen at logger port ", loggerPort);
         return -1;
     }
     // A whole burst before other descriptors are looked at, but never a wait for one datagram more.
@@ -65,7 +98,7 @@ int runServer(std::uint32_t address, const std::vector<std::string>& programName
     viewerAddress.setAddr(address);
     viewerAddress.setPort(loggerPort);
     if (tcpServer.open(AF_INET, SOCK_STREAM) != 0) {
-        std::cout << "Cannot open tcp logger" << std::endl;
+        say("Cannot open tcp logger");
         return -1;
     }
     tcpServer.connFd = tcpServer.fd;
@@ -73,11 +106,11 @@ int runServer(std::uint32_t address, const std::vector<std::string>& programName
     const int on = 1;
     tcpServer.setOption(SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     if (tcpServer.bind(viewerAddress) != 0) {
-        std::cout << "Cannot bind to port: " << viewerAddress.port() << std::endl;
+        say("Cannot bind to port: ", viewerAddress.port());
         return -1;
     }
     if (tcpServer.startListening() != 0) {
-        std::cout << "Cannot listen on port: " << viewerAddress.port() << std::endl;
+        say("Cannot listen on port: ", viewerAddress.port());
         return -1;
     }
 
@@ -97,7 +130,7 @@ int runServer(std::uint32_t address, const std::vector<std::string>& programName
         const int result = dispatcher.runOnce();
         tcpServer.sendCollected(); // all that this cycle had for the viewer, in one send
         if (result < 0) {
-            std::cout << "Select error " << result << std::endl;
+            say("Select error ", result);
             return result;
         }
     }
