@@ -6,14 +6,12 @@
 # file as its argument. Ends with one line a target.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-seconds=${1-60}
-
 . scripts/packages.sh
+seconds=${1-60}
 install_missing clang libclang-rt-14-dev cmake ninja-build
 
-cmake -S . -B build-fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DHVLOGGER_FUZZ=ON \
-    -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++
-cmake --build build-fuzz --target fuzz_targets
+cmake --preset fuzz
+cmake --build --preset fuzz
 
 targets=(tests/fuzz/corpus/*/)
 targets=("${targets[@]%/}")

@@ -6,10 +6,10 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 . scripts/packages.sh
-install_missing g++ cmake ninja-build gzip util-linux iproute2 python3
+install_missing g++ cmake ninja-build gzip util-linux iproute2 python3 python3-pexpect
 if [ -z "${HVLOGGER-}" ]; then
-    cmake --preset release >/dev/null
-    cmake --build --preset release >/dev/null
+    quietly cmake --preset release
+    quietly cmake --build --preset release
     export HVLOGGER=$PWD/build/hvlogger
 fi
 exec tests/support/isolated.sh /usr/bin/python3 -B bench/reliability/soak.py "$@"

@@ -9,6 +9,7 @@ import subprocess
 import sys
 
 import dump
+import fleet
 import store
 import terminal
 import viewers
@@ -17,7 +18,7 @@ CASES = {case.__name__: case for case in (
     viewers.stalled_viewer, viewers.vanished_viewer, viewers.vanished_viewer_of_a_busy_log,
     terminal.hostile_text, terminal.harmless_text,
     dump.flood_of_triggers, dump.flood_of_commands, dump.full_disk, dump.planted_files,
-    store.growth)}
+    store.growth, fleet.fleet)}
 ISOLATED = pathlib.Path(__file__).parents[2] / "tests/support/isolated.sh"
 
 

@@ -1,6 +1,6 @@
 """Draws docs/viewer.svg: what the viewer shows on a real terminal, with a real server.
 
-    HVLOGGER=build/hvlogger tests/support/isolated.sh /usr/bin/python3 -B scripts/picture.py FILE
+    HVLOGGER=build/hvlogger tests/support/isolated.sh /usr/bin/python3 -B docs/picture.py FILE
 
 The log lines carry fixed times, so the picture changes only with the program or with this script.
 """
