@@ -1,13 +1,10 @@
-"""What stands in the way of a dump or of the local log: planted files, floods, a reader that stops."""
+"""What stands in the way of a dump: planted files, floods."""
 
 import os
 import pathlib
 import shutil
-import socket
-import time
 
-import pytest
-from support.harness import MARKER, SEND_ALL, WRITE_FILE, LogDevice, RawViewer, Server, await_true, send_datagrams
+from support.harness import MARKER, SEND_ALL, WRITE_FILE, RawViewer, Server, await_true, send_datagrams
 
 DUMP = pathlib.Path("/tmp/logger.txt")
 
@@ -52,60 +49,3 @@ def test_flood_of_requests_runs_one_job_and_leaves_nothing(tmp_path):
             assert server.collect().count(b"\n") == 110
         await_true(lambda: not server.jobs(), "the jobs are gone")
         assert server.descriptors() == descriptors
-
-
-def records(log):
-    """What has reached the log, as (program, text)."""
-    found = []
-    while not log.silent():
-        head, _, text = log.record().partition(b"]: ")
-        found.append((head.split()[-1].split(b"[")[0], text.decode()))
-    return found
-
-
-def expect(log, *texts):
-    """The log must have got exactly these lines, and reports of how many were skipped."""
-    assert records(log) == [
-        (b"hvlogger", f"{text} not passed on to the local log") if text.endswith(("was", "were")) else (b"sip", text)
-        for text in texts]
-
-
-def fill():
-    """Fills the log's queue."""
-    with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as sender:
-        sender.setblocking(False)
-        with pytest.raises(BlockingIOError):
-            while True:
-                sender.sendto(b"<13>filler[1]: x", "/dev/log")
-
-
-def test_stalled_log_holds_up_nothing_and_learns_what_it_missed(log_device, viewer):
-    log = log_device
-    # The reader stands still, then goes on.
-    texts = [str(n) for n in range(1000)]
-    viewer.log(*texts)
-    passed = records(log)
-    assert passed == [(b"sip", text) for text in texts[:len(passed)]]
-    viewer.log("again", "and again")
-    expect(log, "again", f"{1000 - len(passed)} lines were", "and again")
-    fill()
-    viewer.log("one")
-    records(log)
-    viewer.log("more")
-    expect(log, "more", "1 line was")
-    # It never does; its successor learns it.
-    fill()
-    viewer.log("two", "three")
-    log.__exit__()
-    viewer.log("to nobody, as there is no log")
-    with log:
-        viewer.log("back")
-        expect(log, "back", "2 lines were")
-    # A successor that is full before anything was noticed.
-    with log:
-        fill()
-        time.sleep(0.01)  # the name is looked up again after this long at the latest
-        viewer.log("four")
-        records(log)
-        viewer.log("five")
-        expect(log, "five", "1 line was")
