@@ -193,8 +193,7 @@ ROWS = [
 FLOOR = str(BUILD / "bench/system/floor")
 # The floor with steps left out: the differences tell what each step costs.
 STEPS = [System("receive", [FLOOR, "nolog", "noviewer"], OWN_PORT, sinks=()),
-         System("receive, log", [FLOOR, "noviewer"], OWN_PORT, sinks=(0,)),
-         System("all, log checked", [FLOOR, "check"], OWN_PORT)]
+         System("receive, log", [FLOOR, "noviewer"], OWN_PORT, sinks=(0,))]
 
 
 def median(rounds):
@@ -203,7 +202,7 @@ def median(rounds):
 
 
 def systems(folder):
-    found = [System("floor", [FLOOR], OWN_PORT),
+    found = [System("floor", [FLOOR], OWN_PORT), System("old floor", [FLOOR, "old"], OWN_PORT),
              System("hvlogger", [str(BUILD / "hvlogger"), "server"], OWN_PORT)]
     rsyslogd = shutil.which("rsyslogd", path=os.environ["PATH"] + ":/usr/sbin")
     if rsyslogd:
