@@ -3,21 +3,7 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdio>
-#include <poll.h>
 #include <sys/socket.h>
-
-namespace {
-
-constexpr std::size_t chunkSize = 1500;
-/// Behind a full chunk there is often much more: a listing.
-constexpr std::size_t furtherChunkSize = 0x10000;
-
-bool readable(int fd) {
-    pollfd waiting{fd, POLLIN, 0};
-    return poll(&waiting, 1, 0) == 1;
-}
-
-} // namespace
 
 HVLoggerTCPsock::HVLoggerTCPsock(QELmediator* notified) : mediator(notified) {}
 
@@ -51,21 +37,4 @@ int HVLoggerTCPsock::receiveData(void* buffer, int length) {
         return -2;
     }
     return static_cast<int>(received);
-}
-
-int HVLoggerTCPsock::readArrived(std::size_t limit) {
-    int received = 0;
-    std::size_t chunk = chunkSize;
-    bool full = false;
-    do {
-        const std::size_t held = rxData.size();
-        rxData.resize(held + chunk);
-        received = receiveData(rxData.data() + held, static_cast<int>(chunk));
-        const std::size_t count = received > 0 ? static_cast<std::size_t>(received) : 0;
-        rxData.resize(held + count);
-        full = count == chunk;
-        chunk = furtherChunkSize;
-        // A full chunk may have been the last one: look before the next read.
-    } while (full && rxData.size() < limit && readable(connFd));
-    return received;
 }

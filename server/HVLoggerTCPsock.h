@@ -4,7 +4,6 @@
 #include "QELselRcv.h"
 #include "QELsockCONN.h"
 
-#include <cstddef>
 #include <cstdint>
 #include <vector>
 
@@ -41,12 +40,4 @@ class HVLoggerTCPsock : public QELsockCONN, public QELselRcv {
     /// @return bytes received; 0 when the peer has closed and -2 when the call fails, both with a
     ///         report on standard error; -1 without an open socket, for null or a length below 1
     int receiveData(void* buffer, int length);
-
-  protected:
-    /// Reads what has arrived and appends it to rxData, in chunks, until one is not filled, nothing
-    /// more is there, or rxData has @p limit bytes (exceeded by less than a chunk): a peer that
-    /// sends faster than it is read must not keep it, and its memory, growing. Only the first read
-    /// may wait; call it when connFd is readable.
-    /// @return the last receiveData() result: positive when the peer is still there
-    int readArrived(std::size_t limit);
 };

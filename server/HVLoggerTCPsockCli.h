@@ -1,25 +1,29 @@
 #pragma once
 
+#include "HVLoggerReassembly.h"
 #include "HVLoggerTCPsock.h"
+#include "QELselTimer.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
-#include <vector>
 
 /// The viewer's end of the connection: owns its socket, which the owner connects, and hands what
 /// the server sends to the viewer's message store. There is no reconnection.
 ///
-/// A batch is cut into messages on its own, so one that ended within a message would spoil it. It
-/// therefore goes on while bytes keep coming with gaps of a few milliseconds at most. The wait is
-/// spent only on a batch that fills a TCP segment: a smaller one nearly always ends where a send of
-/// the server did. A flow that does not pause is handed over after 64 KiB, or at the latest after
-/// 50 ms, cut at the start of a message.
+/// The store cuts each text into messages on its own, so what may be only the beginning of a
+/// message is kept (HVLoggerReassembly) until the rest is there, the server has gone, or a timer
+/// tells that nothing more belongs to it. Without a dispatcher, which has the timer, nothing is
+/// kept.
 class HVLoggerTCPsockCli : public HVLoggerTCPsock {
   public:
+    /// What is read at once, at most: keys act in between.
+    static constexpr std::size_t batchLimit = 0x10000;
+
     using HVLoggerTCPsock::HVLoggerTCPsock;
 
-    /// Reads a batch and hands it to the store. @return false when the server has gone or the read
-    /// failed: nothing more will come
+    /// Reads a batch and hands what is whole to the store. @return false when the server has gone
+    /// or the read failed: nothing more will come
     bool onReady(std::int64_t nowUs) override;
 
     /// Asks the server for all its messages. @return sendData()'s result
@@ -28,11 +32,23 @@ class HVLoggerTCPsockCli : public HVLoggerTCPsock {
     /// Has the server write its dump file. @return sendData()'s result
     int requestDump();
 
-    std::string lastText; ///< text of the last batch
+    std::string lastText; ///< what the store was given last
 
   private:
-    int sendCommand(Command command);
-    [[nodiscard]] bool fillsSegment() const;
+    /// Hands over what is kept when nothing more has come.
+    class Silence : public QELselTimer {
+      public:
+        explicit Silence(HVLoggerTCPsockCli& client) : owner(client) {}
+        std::uint64_t onTimer(std::int64_t nowUs) override;
 
-    std::vector<char> nextMessage; // start of a message that the last batch was cut in front of
+      private:
+        HVLoggerTCPsockCli& owner;
+    };
+
+    void handOver(std::string text);
+    [[nodiscard]] HVLoggerReassembly::Link link() const;
+    int sendCommand(Command command);
+
+    HVLoggerReassembly reassembly;
+    Silence silence{*this};
 };

@@ -23,7 +23,6 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <string>
-#include <sys/ioctl.h>
 #include <sys/syscall.h>
 #include <thread>
 #include <unistd.h>
@@ -281,96 +280,6 @@ TEST_F(TcpServer, ViewerThatLeftIsWatchedNoLonger) {
     secondsAhead += 11;
     cycle();
     EXPECT_NE(fcntl(server.fd, F_GETFD), -1); // the listening socket was not taken for a viewer
-}
-
-/// The viewer's end of a connection, and what it hands to the store.
-class TcpClient : public testing::Test {
-  protected:
-    testing::StrictMock<MediatorMock> mediator;
-    std::vector<std::string> batches;
-    HVLoggerTCPsockCli client{&mediator};
-    QELsockBase server;
-
-    TcpClient() {
-        EXPECT_CALL(mediator, notify(idStore, msgAddMessages, _))
-            .WillRepeatedly([this](int, int, void* payload) {
-                batches.push_back(*static_cast<const std::string*>(payload));
-            });
-        QELsockCONN listener;
-        connect(listener, client);
-        EXPECT_EQ(listener.accept(server, nullptr), 0);
-        const int on = 1;
-        EXPECT_EQ(server.setOption(IPPROTO_TCP, TCP_NODELAY, &on, sizeof on), 0);
-    }
-    void send(const std::string& text) const {
-        EXPECT_EQ(::send(server.fd, text.data(), text.size(), MSG_NOSIGNAL),
-                  static_cast<ssize_t>(text.size()));
-    }
-    int unread() const {
-        int count = 0;
-        EXPECT_EQ(ioctl(client.fd, FIONREAD, &count), 0);
-        return count;
-    }
-    /// Has endless messages begin behind others until one of them begins the next batch.
-    void expectCut(std::size_t piece, bool longAgo, std::size_t limit) {
-        std::atomic<bool> flowing = true;
-        std::thread flow([&] {
-            const std::string text(piece, 'y');
-            while (flowing) {
-                ::send(server.fd, text.data(), text.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
-            }
-        });
-        bool cut = false;
-        for (int attempt = 0; attempt < 1000 && !cut; ++attempt) { // the flow may have paused
-            send("<14>1 t d sip 1 - two<14>1 t d sip 1 - " + std::string(2000, 'x'));
-            EXPECT_TRUE(client.onReady(longAgo ? 0 : QELselector::nowUs()));
-            cut = batches.back().ends_with("two") && client.rxData.size() <= limit;
-        }
-        flowing = false;
-        flow.join();
-        EXPECT_TRUE(cut);
-        EXPECT_TRUE(client.onReady(QELselector::nowUs()));
-        EXPECT_TRUE(batches.back().starts_with("<14>1 t d sip 1 - xxx"));
-    }
-};
-
-TEST_F(TcpClient, JoinsPiecesThatFollowEachOtherAndOnlyThose) {
-    const std::string large = "<14>1 t d sip 1 - " + std::string(3000, 'x');
-    // The second piece leaves as soon as the first was read; once in a few tries it is in time.
-    bool joined = false;
-    for (int attempt = 0; attempt < 1000 && !joined; ++attempt) {
-        batches.clear();
-        send(large.substr(0, 2000));
-        std::thread rest([&] {
-            while (unread() > 0) {
-            }
-            send(large.substr(2000));
-        });
-        EXPECT_TRUE(client.onReady(QELselector::nowUs()));
-        rest.join();
-        joined = batches.front() == large;
-        if (!joined) {
-            EXPECT_TRUE(client.onReady(QELselector::nowUs()));
-        }
-    }
-    EXPECT_TRUE(joined);
-
-    // Less than a segment is whole: nothing is waited for, so a later piece is a batch of its own.
-    batches.clear();
-    send("<14>1 t d sip 1 - sh");
-    EXPECT_TRUE(client.onReady(QELselector::nowUs()));
-    send("ort");
-    EXPECT_TRUE(client.onReady(QELselector::nowUs()));
-    EXPECT_THAT(batches, testing::ElementsAre("<14>1 t d sip 1 - sh", "ort"));
-}
-
-TEST_F(TcpClient, EndlessFlowIsHandedOverInTimeCutAtTheStartOfAMessage) {
-    // One byte after the other, in a cycle that began long ago: the time for this batch is over.
-    expectCut(1, true, 0x8000); // long before there is a full one
-}
-
-TEST_F(TcpClient, FastFlowIsHandedOverInBatchesOfLimitedSize) {
-    expectCut(1000, false, 0x20000); // 64 KiB, and the chunk that goes beyond
 }
 
 TEST(Signals, OnlyAnInterruptEndsTheServer) {

@@ -1,0 +1,65 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+/// Makes messages whole again for a viewer: what it reads ends wherever the network has cut it, and
+/// a message that went to the store in two pieces would be lost. Keeps what may be only the
+/// beginning of a message; owns that text and nothing else, neither socket nor timer.
+///
+/// A batch that begins with a header and is smaller than a segment is whole: it ends where a send
+/// of the server did. Of any other batch the last message is kept, since nothing in it tells its
+/// end. That is told later, by
+///   - a batch that begins with a header; one that does not is the next piece of what is kept;
+///   - the end of the connection;
+///   - a silence longer than the link may pause within a message: two and a half round trips, or
+///     twice the longest pause seen lately, 16 to 300 ms; longer while something is known to be on
+///     its way.
+class HVLoggerReassembly {
+  public:
+    /// What the system knows of the connection (struct tcp_info).
+    struct Link {
+        std::size_t segment = 0;      ///< size of the segments that arrive, as far as is known
+        std::int64_t roundTripUs = 0; ///< smoothed round-trip time
+        std::uint32_t outOfOrder = 0; ///< segments so far that arrived before one that was missing
+    };
+
+    /// A segment of 1,500 bytes takes 12 ms at 1 Mbit/s.
+    static constexpr std::int64_t shortestSilenceUs = 16'000;
+    static constexpr std::int64_t longestSilenceUs = 300'000;
+    /// The longest silence behind which a missing segment is still expected.
+    static constexpr std::int64_t longestRepairUs = 3'000'000;
+    /// More than this is no message: it is handed over, whole or not.
+    static constexpr std::size_t keptLimit = 0x10000;
+
+    /// Whether @p batch begins a message, which makes what is kept whole: release() that first.
+    [[nodiscard]] bool isEndedBy(std::string_view batch) const;
+
+    /// Takes what was read. @return what is whole, of what was kept and of the batch, maybe nothing
+    std::string take(std::string_view batch, const Link& link, std::int64_t nowUs);
+
+    /// To be told when everything was read and handed over: from now on silence is silence.
+    void listen(std::int64_t nowUs);
+
+    /// When what is kept counts as whole unless more has come, on nowUs' clock; 0: nothing is kept.
+    [[nodiscard]] std::int64_t dueUs() const;
+
+    /// To be asked at dueUs(). @return false if a segment is known to be missing: dueUs() is later
+    bool isDue(const Link& link, std::int64_t nowUs);
+
+    /// Gives out what is kept.
+    std::string release();
+
+  private:
+    [[nodiscard]] bool isWhole(std::string_view batch) const;
+
+    std::string kept;           // begins with a header, unless only a piece has come
+    std::size_t segment = 0;    // the largest that was seen
+    std::int64_t silenceUs = 0; // that counts as the end of a message
+    std::int64_t pauseUs = 0;   // the longest within a message, lately
+    std::int64_t quietSinceUs = 0;
+    std::int64_t due = 0;         // meaningful while something is kept
+    std::uint32_t outOfOrder = 0; // as of the last batch
+};
