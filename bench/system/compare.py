@@ -1,26 +1,31 @@
-#!/usr/bin/env python3
-"""Compares hvlogger with rsyslog, syslog-ng and the floor (bench/system/floor.cpp), each doing the same
-work: UDP messages in, every one to the local log socket and to one TCP viewer.
+"""Compares hvlogger with rsyslog, syslog-ng and the floor (floor.cpp: the smallest loop that does the
+same, and the smallest of the old road), each taking messages on UDP and passing every one to the local
+log socket and to one TCP viewer.
 
-    bench/run.sh compare [--rounds N] [--json FILE]
+    bench/run.sh compare [--rounds N] [--only ROW] [--before EXECUTABLE] [--json FILE]
 
-Prints medians over the rounds and ratios to the floor.
+Prints medians over the rounds; in brackets, how many times it hvlogger's figure is.
 """
 import argparse
 import json
+import math
 import os
 import pathlib
+import select
 import shutil
+import socket
 import statistics
 import subprocess
 import sys
 import tempfile
 import time
 
+from support.harness import PORT, PROGRAM, LogDevice, status
+
 ROOT = pathlib.Path(__file__).resolve().parents[2]
-BUILD = ROOT / "build-bench"
-LOAD = str(BUILD / "bench/system/load")
-OWN_PORT, SINK_PORT = 50000, 50001
+BUILD = ROOT / "build-bench/bench/system"
+SINK_PORT = 50001
+QUIET = 0.4  # seconds after which nothing more comes
 
 RSYSLOG = """
 module(load="imudp")
@@ -39,29 +44,33 @@ log { source(in); destination(local); destination(viewer); };
 """
 
 
-class System:
-    """A log collector and how it is started; entered, it runs with its sinks. `sinks` says which of
-    them get every message: 0 the local log, 1 the viewer."""
+class LeftOut(Exception):
+    """Why a round tells nothing."""
 
-    def __init__(self, name, command, port, environment=None, sinks=(0, 1)):
-        self.name, self.command, self.port, self.sinks = name, command, port, sinks
-        self.environment = dict(os.environ, **(environment or {}))
+
+class System:
+    """A log collector and how it is started; entered, it runs with its sinks."""
+
+    def __init__(self, name, *command, port=PORT, environment=None):
+        self.name, self.command, self.port = name, [*map(str, command)], port
+        self.environment = {**os.environ, **(environment or {})}
 
     def __enter__(self):
-        self.sink = subprocess.Popen([LOAD, "sink", str(self.port)], text=True, bufsize=1,
+        self.sink = subprocess.Popen([BUILD / "load", "sink", str(self.port)], text=True, bufsize=1,
                                      stdin=subprocess.PIPE, stdout=subprocess.PIPE)
-        assert self.sink.stdout.readline() == "listening\n"
-        self.process = subprocess.Popen(self.command, env=self.environment,
-                                        stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        if self.port == SINK_PORT:  # some connect only when they have something to send
-            os.set_blocking(self.sink.stdout.fileno(), False)
-            while self.sink.stdout.readline() != "ready\n":
-                assert self.process.poll() is None, self.command
-                send(100, 1)
-            os.set_blocking(self.sink.stdout.fileno(), True)
-        else:
-            assert self.sink.stdout.readline() == "ready\n"
-        self.collect(1 << 60)
+        self.sink.stdout.readline()
+        self.process = subprocess.Popen(self.command, env=self.environment, stdout=subprocess.DEVNULL,
+                                        stderr=subprocess.DEVNULL)
+        try:
+            while not select.select([self.sink.stdout], [], [], 0.1)[0] and self.process.poll() is None:
+                if self.port == SINK_PORT:  # some connect only when they have something to send
+                    send(100, 1)
+            if self.process.poll() is not None or self.sink.stdout.readline() != "ready\n":
+                raise LeftOut("it does not start")
+            self.collect(math.inf)
+        except BaseException:
+            self.__exit__()
+            raise
         return self
 
     def __exit__(self, *_):
@@ -70,96 +79,90 @@ class System:
         self.sink.stdin.close()
         self.sink.wait()
         self.sink.stdout.close()
+        pathlib.Path("/dev/log").unlink()
 
     def collect(self, count):
-        """Waits until the sinks have `count` messages or nothing more comes. Returns the smallest
+        """Waits until log and viewer have `count` messages each, or nothing more comes. Returns the smaller
         number, and the latency quantiles of the last report that had messages."""
-        arrived = [0, 0]
-        latency = (0, 0)
-        last = time.monotonic()
-        smallest = 0
-        while smallest < count and time.monotonic() - last < 0.5:
+        logged = shown = 0
+        latency, last = (math.nan, math.nan), time.monotonic()
+        while min(logged, shown) < count and time.monotonic() - last < QUIET:
             self.sink.stdin.write("?\n")
-            *more, p50, p99 = map(int, self.sink.stdout.readline().split())
-            if any(more):
+            more_logged, more_shown, *quantiles = map(int, self.sink.stdout.readline().split())
+            logged, shown = logged + more_logged, shown + more_shown
+            if more_logged or more_shown:
                 last = time.monotonic()
-            if more[1]:
-                latency = p50, p99
-            arrived = [a + m for a, m in zip(arrived, more)]
-            smallest = min((arrived[sink] for sink in self.sinks), default=0)
-            if smallest < count:
-                time.sleep(0.02)
-        return smallest, latency
+            if more_shown:
+                latency = quantiles
+            time.sleep(0.02)
+        return min(logged, shown), latency
 
     def offer(self, rate, count):
-        """Sends; returns what collect() does. Without a sink the kernel tells what was lost."""
-        dropped = receive_errors()
-        send(rate, count)
-        arrived, latency = self.collect(count)
-        return arrived if self.sinks else count - (receive_errors() - dropped), latency
+        """Sends so many, and returns how many arrived."""
+        self.offered_in = send(rate, count)
+        if rate and self.offered_in > 1.1 * count / rate + 0.05:
+            raise LeftOut(f"the sender took {self.offered_in:.2f} s for {count / rate:.2f}")
+        return self.collect(count)[0]
 
     def processor_seconds(self):
         return time.clock_gettime((~self.process.pid) << 3 | 2)  # clock_getcpuclockid(3)
 
-    def resident_kib(self):
-        status = pathlib.Path(f"/proc/{self.process.pid}/status").read_text()
-        return int(status.split("VmRSS:")[1].split()[0])
+    def resident_mib(self):
+        return status(self.process.pid, "VmRSS") / 1024
 
 
 def send(rate, count, *length):
-    subprocess.run([LOAD, "send", *map(str, (rate, count, *length))], check=True,
-                   stdout=subprocess.DEVNULL)
-
-
-def receive_errors():
-    names, values = (line.split() for line in pathlib.Path("/proc/net/snmp").read_text().split("\n")
-                     if line.startswith("Udp:"))
-    return int(values[names.index("RcvbufErrors")])
+    """Returns the seconds that sending took."""
+    return float(subprocess.check_output([BUILD / "load", "send", *map(str, (rate, count, *length))]))
 
 
 def processor_time(rate):
     def measure(system):
         with system:
             system.offer(rate, rate // 4)
-            before = system.processor_seconds()
-            count = 3 * rate
-            arrived, _ = system.offer(rate, count)
-            used = system.processor_seconds() - before
+            before, count = system.processor_seconds(), 2 * rate
+            arrived = system.offer(rate, count)
             # A machine that has other things to do now and then drops a few.
-            return used / arrived * 1e6 if arrived > 0.99 * count else float("nan")
+            if arrived < 0.99 * count:
+                raise LeftOut(f"only {arrived} of {count} arrived")
+            return [(system.processor_seconds() - before) / arrived * 1e6]
     return measure
 
 
 def highest(high, step, received_whole):
-    """The largest multiple of `step` up to high that is received whole, by bisection. A machine has
-    other things to do now and then: each gets two attempts."""
-    low, high = 0, high // step + 1
-    while high - low > 1:
-        middle = (low + high) // 2
-        whole = received_whole(middle * step) or received_whole(middle * step)
+    """The largest count up to high that is received whole, by bisection to within a step, or 3 %. A machine
+    has other things to do now and then: each gets two attempts."""
+    low, high = 0, high + step
+    while high - low > max(step, 0.03 * low):
+        middle = (low + high) // 2 // step * step
+        whole = received_whole(middle) or received_whole(middle)
         low, high = (middle, high) if whole else (low, middle)
-    return low * step
+    return [low]
 
 
 def lossless_rate(system):
     with system:
         system.offer(20_000, 10_000)
-        return highest(200_000, 5_000, lambda rate: system.offer(rate, rate)[0] >= rate)
+        return highest(200_000, 5_000, lambda rate: system.offer(rate, rate) >= rate)
 
 
-def burst(limit, step):
-    def measure(system):
-        with system:
-            system.offer(20_000, 10_000)
-            return highest(limit, step, lambda count: system.offer(0, count)[0] >= count)
-    return measure
+def overload(system):
+    with system:
+        system.offer(20_000, 10_000)
+        return [system.offer(200_000, 400_000) / system.offered_in]
+
+
+def burst(system):
+    with system:
+        system.offer(20_000, 10_000)
+        return highest(20_000, 8, lambda count: system.offer(0, count) >= count)
 
 
 def latencies(system):
     with system:
         system.offer(1_000, 200)
         send(1_000, 4_000)
-        time.sleep(0.2)
+        time.sleep(QUIET / 2)
         return system.collect(4_000)[1]
 
 
@@ -167,98 +170,92 @@ def memory(system):
     """After a full store (1 MiB) and after an overload."""
     with system:
         system.offer(20_000, 40_000)
-        full = system.resident_kib()
+        full = system.resident_mib()
         system.offer(0, 400_000)
-        return full / 1024, system.resident_kib() / 1024
+        return full, system.resident_mib()
 
 
 def start(system):
-    output = subprocess.check_output([LOAD, "start", *system.command], env=system.environment,
-                                     stderr=subprocess.DEVNULL, text=True)
-    return float(output.split("\n")[-2])
+    """From starting the system to the sending of the first message that reached the local log."""
+    def once():
+        with LogDevice() as log, socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as sender:
+            begin = time.monotonic()
+            pid = os.posix_spawn(system.command[0], system.command, system.environment, file_actions=[
+                (os.POSIX_SPAWN_OPEN, 1, os.devnull, os.O_WRONLY, 0), (os.POSIX_SPAWN_DUP2, 1, 2)])
+            try:
+                while time.monotonic() < begin + 20:
+                    sender.sendto(b"<14>1 2024-03-05T10:20:30.123Z dev01 sip 412 - - @%.6f" % time.monotonic(),
+                                  ("127.0.0.1", PORT))
+                    time.sleep(0.0001)
+                    while not log.silent():
+                        if b"@" in (record := log.record()):
+                            return (float(record.split(b"@")[1]) - begin) * 1e3
+                raise LeftOut("nothing was taken")
+            finally:
+                os.kill(pid, 9)
+                os.waitpid(pid, 0)
+    return [statistics.median(once() for _ in range(5))]
 
 
 ROWS = [
-    (["processor time at 20,000/s, us a message"], lambda s: [processor_time(20_000)(s)]),
-    (["processor time at 30,000/s, us a message"], lambda s: [processor_time(30_000)(s)]),
-    (["rate without loss, messages/s"], lambda s: [lossless_rate(s)]),
-    (["burst received whole, default buffers"], lambda s: [burst(2_000, 4)(s)]),
+    (["processor time at 20,000/s, us a message"], processor_time(20_000)),
+    (["processor time at 30,000/s, us a message"], processor_time(30_000)),
+    (["rate without loss, messages/s"], lossless_rate),
+    (["delivered of 200,000/s, messages/s"], overload),
     (["latency to the viewer p50, us", "latency to the viewer p99, us"], latencies),
+    (["burst received whole, messages"], burst),
     (["resident with a full store, MiB", "resident after an overload, MiB"], memory),
-    (["start to the first message taken, ms"],
-     lambda s: [statistics.median(start(s) for _ in range(5))]),
+    (["start to the first message taken, ms"], start),
 ]
 
 
-FLOOR = str(BUILD / "bench/system/floor")
-# The floor with steps left out: the differences tell what each step costs.
-STEPS = [System("receive", [FLOOR, "nolog", "noviewer"], OWN_PORT, sinks=()),
-         System("receive, log", [FLOOR, "noviewer"], OWN_PORT, sinks=(0,))]
-
-
-def median(rounds):
-    """Of the rounds that told something; nan if none did."""
-    return statistics.median([value for value in rounds if value == value] or [float("nan")])
-
-
-def systems(folder):
-    found = [System("floor", [FLOOR], OWN_PORT), System("old floor", [FLOOR, "old"], OWN_PORT),
-             System("hvlogger", [str(BUILD / "hvlogger"), "server"], OWN_PORT)]
-    rsyslogd = shutil.which("rsyslogd", path=os.environ["PATH"] + ":/usr/sbin")
-    if rsyslogd:
-        configuration = folder / "rsyslog.conf"
-        configuration.write_text(RSYSLOG)
-        found.append(System("rsyslog", [rsyslogd, "-n", "-iNONE", "-f", str(configuration)],
-                            SINK_PORT))
-    else:
-        print("rsyslog is not here: left out", file=sys.stderr)
-    unpacked = ROOT / "build" / "peers" / "usr"
-    syslog_ng = shutil.which("syslog-ng", path=f"{os.environ['PATH']}:{unpacked / 'sbin'}")
-    if syslog_ng:
-        configuration = folder / "syslog-ng.conf"
-        configuration.write_text(SYSLOG_NG)
-        command = [syslog_ng, "-F", "--no-caps", "-f", str(configuration), "-R",
-                   str(folder / "persist"), "-p", str(folder / "pid"), "-c", str(folder / "ctl")]
-        environment = {}
-        if unpacked in pathlib.Path(syslog_ng).parents:
-            command.append(f"--module-path={unpacked / 'lib/syslog-ng/3.38'}")
-            environment["LD_LIBRARY_PATH"] = str(unpacked / "lib/syslog-ng")
-        found.append(System("syslog-ng", command, SINK_PORT, environment))
-    else:
-        print("syslog-ng is not here: left out", file=sys.stderr)
-    return found
+def systems(before, folder):
+    yield System("hvlogger", PROGRAM, "server")
+    if before:
+        yield System("before", os.path.abspath(before), "server")
+    yield System("floor", BUILD / "floor")
+    yield System("old floor", BUILD / "floor", "old")
+    if rsyslogd := shutil.which("rsyslogd", path=os.environ["PATH"] + ":/usr/sbin"):
+        (folder / "rsyslog.conf").write_text(RSYSLOG)
+        yield System("rsyslog", rsyslogd, "-n", "-iNONE", "-f", folder / "rsyslog.conf", port=SINK_PORT)
+    unpacked = ROOT / "build/peers/usr"
+    if syslog_ng := shutil.which("syslog-ng", path=f"{unpacked / 'sbin'}:{os.environ['PATH']}"):
+        (folder / "syslog-ng.conf").write_text(SYSLOG_NG)
+        modules = [f"--module-path={path}" for path in unpacked.glob("lib/syslog-ng/[0-9]*")]
+        yield System("syslog-ng", syslog_ng, "-F", "--no-caps", "-f", folder / "syslog-ng.conf", "-R", folder / "persist",
+                     "-p", folder / "pid", "-c", folder / "ctl", *modules, port=SINK_PORT,
+                     environment={"LD_LIBRARY_PATH": str(unpacked / "lib/syslog-ng")})
 
 
 def main():
-    parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
+    parser = argparse.ArgumentParser(prog="bench/run.sh compare", description=__doc__.split("\n\n")[0])
     parser.add_argument("--rounds", type=int, default=3)
     parser.add_argument("--json", type=pathlib.Path)
     parser.add_argument("--only", default="", help="measure only rows whose name contains this")
+    parser.add_argument("--before", help="another build of hvlogger, for a column of its own")
     arguments = parser.parse_args()
     rows = [row for row in ROWS if any(arguments.only in name for name in row[0])]
-    values = {}
+    values = {name: {} for names, _ in rows for name in names}
     with tempfile.TemporaryDirectory() as folder:
-        compared = systems(pathlib.Path(folder))
+        compared = list(systems(arguments.before, pathlib.Path(folder)))
         for number in range(arguments.rounds):
             for names, measure in rows:
-                steps = STEPS if "20,000/s" in names[0] else []
-                for system in compared + steps:
-                    measured = measure(system)
+                for system in compared:
+                    try:
+                        measured = measure(system)
+                    except (LeftOut, OSError, ValueError, subprocess.SubprocessError) as reason:
+                        print(f"round {number + 1}: {names[0]}: {system.name} left out: {reason}", file=sys.stderr)
+                        continue
+                    print(f"round {number + 1}: {', '.join(names)}: {system.name} {measured}", file=sys.stderr)
                     for name, value in zip(names, measured):
-                        values.setdefault(name, {}).setdefault(system.name, []).append(value)
-                    print(f"round {number + 1}: {', '.join(names)}: {system.name} {measured}",
-                          file=sys.stderr)
+                        values[name].setdefault(system.name, []).append(value)
 
-    medians = {name: {system: median(rounds) for system, rounds in row.items()}
+    medians = {name: {system.name: statistics.median(row.get(system.name, [math.nan])) for system in compared}
                for name, row in values.items()}
-    print(f"{'median of ' + str(arguments.rounds) + ' (times the floor)':44}" +
-          "".join(f"{system.name:>18}" for system in compared))
+    print(f"{f'medians of {arguments.rounds}':42}" + "".join(f"{system.name:>17}" for system in compared))
     for name, row in medians.items():
-        cells = (f"{row[system.name]:,.1f} ({row[system.name] / row['floor']:.2f})"
-                 for system in compared)
-        print(f"{name:44}" + "".join(f"{cell:>18}" for cell in cells))
-        for step in (step.name for step in STEPS if step.name in row):
-            print(f"  of it the floor, {step + ':':25}{row[step]:6.1f}")
+        cells = (f"{value:,.1f} ({row['hvlogger'] / value if value else math.nan:.2f})" for value in row.values())
+        print(f"{name:42}" + "".join(f"{cell:>17}" for cell in cells))
     if arguments.json:
         arguments.json.write_text(json.dumps({"medians": medians, "rounds": values}, indent=1))
 

@@ -5,7 +5,6 @@
 //                leaves for the viewer in one send
 //   floor old    a cycle takes one datagram, makes its record by openlog, syslog and closelog, and
 //                sends it to the viewer
-//   floor [old] [nolog] [noviewer]   leave a step out
 #include <array>
 #include <cerrno>
 #include <cstddef>
@@ -58,17 +57,7 @@ void logNew(int log, char* text, std::size_t length) {
 } // namespace
 
 int main(int argc, char** argv) {
-    const auto given = [argc, argv](const char* word) {
-        for (int i = 1; i < argc; ++i) {
-            if (std::strcmp(argv[i], word) == 0) {
-                return true;
-            }
-        }
-        return false;
-    };
-    const bool old = given("old");
-    const bool log = !given("nolog");
-    const bool forward = !given("noviewer");
+    const bool old = argc > 1 && std::strcmp(argv[1], "old") == 0;
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(port);
@@ -79,7 +68,7 @@ int main(int argc, char** argv) {
     const sockaddr_un logName{AF_UNIX, "/dev/log"};
     if (bind(udp, generic, sizeof address) != 0 || bind(tcp, generic, sizeof address) != 0 ||
         listen(tcp, 1) != 0 ||
-        (log && connect(logSocket, reinterpret_cast<const sockaddr*>(&logName), sizeof logName))) {
+        connect(logSocket, reinterpret_cast<const sockaddr*>(&logName), sizeof logName) != 0) {
         return 1;
     }
     int viewer = -1;
@@ -116,13 +105,13 @@ int main(int argc, char** argv) {
             }
             length += static_cast<std::size_t>(got);
             came[length] = '\0';
-            if (log && old) {
+            if (old) {
                 logOld(text);
-            } else if (log) {
+            } else {
                 logNew(logSocket, text, static_cast<std::size_t>(got));
             }
         }
-        if (forward && viewer >= 0 && length > 0) {
+        if (viewer >= 0 && length > 0) {
             send(viewer, came.data(), length, MSG_DONTWAIT | MSG_NOSIGNAL);
         }
     }

@@ -1,17 +1,15 @@
-// What bench/system/compare.py and its neighbours put around a log collector, cheap enough not to
-// be the bottleneck on two cores. Each message carries when it was sent (CLOCK_MONOTONIC).
+// What bench/run.sh compare and its neighbours put around a log collector, cheap enough not to be
+// the bottleneck on two cores. Each message carries when it was sent (CLOCK_MONOTONIC).
 //   load send RATE COUNT [LENGTH]
-//                          COUNT messages of LENGTH (147) bytes to port 50000 at RATE a second;
-//                          RATE 0: as one burst
-//   load sink PORT         reads /dev/log and a viewer's stream: connects to PORT and asks for all
-//                          if it is 50000, otherwise waits there for the collector's connection.
-//                          For each line on standard input prints how many messages came on either
-//                          since the last one, and the latency to the viewer: p50 and p99 in us
-//   load start COMMAND...  ms from starting COMMAND to when the first message it took was sent
+//                  COUNT messages of LENGTH (147) bytes to port 50000 at RATE a second; RATE 0: as
+//                  one burst. Prints the seconds that it took.
+//   load sink PORT reads /dev/log and a viewer's stream: connects to PORT and asks for all if it is
+//                  50000, otherwise waits there for the collector's connection; 20 s at most. For
+//                  each line on standard input prints how many messages came on either since the
+//                  last one, and the latency to the viewer: p50 and p99 in us.
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
@@ -19,12 +17,10 @@
 #include <ctime>
 #include <netinet/in.h>
 #include <poll.h>
-#include <spawn.h>
 #include <string>
 #include <string_view>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <sys/wait.h>
 #include <unistd.h>
 #include <vector>
 
@@ -32,8 +28,10 @@ namespace {
 
 constexpr unsigned short loggerPort = 50000;
 constexpr std::size_t usualLength = 147;
+constexpr std::string_view start = "<14>1 2024-03-05T10:20:30.123456Z dev01 sip 412 - - @";
 constexpr char mark = '@'; // before the time; nowhere else in a message
 constexpr std::size_t timeDigits = 19;
+constexpr unsigned batchSize = 64;
 
 std::int64_t nowNs() {
     timespec now{};
@@ -51,75 +49,66 @@ void sleepUntil(std::int64_t ns) {
     std::exit(1);
 }
 
+/// Datagrams of one length that are sent or received by one system call.
+struct Batch {
+    explicit Batch(std::size_t newLength)
+        : length(newLength), bytes(batchSize * length), parts(batchSize), headers(batchSize) {
+        for (std::size_t i = 0; i < batchSize; ++i) {
+            parts[i] = {at(i), length};
+            headers[i].msg_hdr.msg_iov = &parts[i];
+            headers[i].msg_hdr.msg_iovlen = 1;
+        }
+    }
+    char* at(std::size_t i) { return bytes.data() + i * length; }
+
+    std::size_t length;
+    std::vector<char> bytes;
+    std::vector<iovec> parts;
+    std::vector<mmsghdr> headers;
+};
+
+template <typename Call, typename Address>
+void with(Call call, int fd, const Address& address, const char* what) {
+    if (call(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+        fail(what);
+    }
+}
+
 sockaddr_in local(unsigned short port) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(port);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return address;
+    return {AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
 }
 
-std::string newMessage(std::size_t length) {
-    std::string text = "<14>1 2024-03-05T10:20:30.123456Z dev01 sip 412 - - ";
-    text += mark + std::string(timeDigits, '0') + ' ';
-    text.resize(length, 'x');
-    return text;
-}
-
-void stamp(std::string& text) {
+void stamp(char* message) {
     std::int64_t now = nowNs();
-    char* const first = text.data() + text.find(mark) + 1;
-    for (char* digit = first + timeDigits - 1; digit >= first; --digit, now /= 10) {
-        *digit = static_cast<char>('0' + now % 10);
+    for (std::size_t digit = timeDigits; digit-- > 0; now /= 10) {
+        message[start.size() + digit] = static_cast<char>('0' + now % 10);
     }
-}
-
-int senderSocket() {
-    const int fd = socket(AF_INET, SOCK_DGRAM, 0);
-    const sockaddr_in to = local(loggerPort);
-    if (connect(fd, reinterpret_cast<const sockaddr*>(&to), sizeof to) != 0) {
-        fail("connect");
-    }
-    return fd;
-}
-
-int logSocket() {
-    const int fd = socket(AF_UNIX, SOCK_DGRAM, 0);
-    const sockaddr_un name{AF_UNIX, "/dev/log"};
-    unlink(name.sun_path);
-    if (bind(fd, reinterpret_cast<const sockaddr*>(&name), sizeof name) != 0) {
-        fail("/dev/log");
-    }
-    return fd;
 }
 
 int sendMessages(std::int64_t rate, std::int64_t count, std::size_t length) {
     constexpr std::int64_t tickNs = 500'000;
-    constexpr std::int64_t batch = 64;
-    std::vector<std::string> texts(batch, newMessage(length));
-    std::vector<iovec> parts(batch);
-    std::vector<mmsghdr> headers(batch);
-    for (std::size_t i = 0; i < batch; ++i) {
-        parts[i] = {texts[i].data(), length};
-        headers[i].msg_hdr.msg_iov = &parts[i];
-        headers[i].msg_hdr.msg_iovlen = 1;
+    Batch batch(length);
+    std::fill(batch.bytes.begin(), batch.bytes.end(), 'x');
+    for (std::size_t i = 0; i < batchSize; ++i) {
+        std::copy(start.begin(), start.end(), batch.at(i));
+        batch.at(i)[start.size() + timeDigits] = ' ';
     }
-    const int fd = senderSocket();
+    const int fd = socket(AF_INET, SOCK_DGRAM, 0);
+    with(connect, fd, local(loggerPort), "connect");
     const std::int64_t begin = nowNs();
-    std::int64_t sent = 0;
-    while (sent < count) {
+    for (std::int64_t sent = 0; sent < count;) {
         const std::int64_t now = nowNs();
         const std::int64_t due =
             rate == 0 ? count : std::min(count, 1 + (now - begin) * rate / 1'000'000'000);
-        const auto next = static_cast<unsigned>(std::min(batch, due - sent));
+        const auto next = static_cast<unsigned>(std::min<std::int64_t>(batchSize, due - sent));
         if (next == 0) {
             sleepUntil(std::max(now + tickNs, begin + sent * 1'000'000'000 / rate));
             continue;
         }
         for (unsigned i = 0; i < next; ++i) {
-            stamp(texts[i]);
+            stamp(batch.at(i));
         }
-        const int taken = sendmmsg(fd, headers.data(), next, 0);
+        const int taken = sendmmsg(fd, batch.headers.data(), next, 0);
         if (taken < 0 && errno != ECONNREFUSED) {
             fail("send");
         }
@@ -129,7 +118,7 @@ int sendMessages(std::int64_t rate, std::int64_t count, std::size_t length) {
     return 0;
 }
 
-/// Counts the messages of a stream and how long they were under way.
+/// How long the messages of a stream were under way.
 class Stream {
   public:
     std::vector<std::int64_t> latenciesUs;
@@ -138,12 +127,7 @@ class Stream {
         const std::int64_t now = nowNs();
         kept.append(bytes, length);
         std::size_t position = 0;
-        for (;;) {
-            position = kept.find(mark, position);
-            if (position == std::string::npos) {
-                kept.clear();
-                return;
-            }
+        while ((position = kept.find(mark, position)) != std::string::npos) {
             if (kept.size() - position <= timeDigits) {
                 kept.erase(0, position);
                 return;
@@ -151,23 +135,29 @@ class Stream {
             latenciesUs.push_back((now - std::atoll(kept.data() + position + 1)) / 1000);
             position += timeDigits;
         }
+        kept.clear();
+    }
+
+    std::int64_t quantile(std::size_t percent) {
+        std::sort(latenciesUs.begin(), latenciesUs.end());
+        return latenciesUs.empty() ? 0 : latenciesUs[latenciesUs.size() * percent / 100];
     }
 
   private:
     std::string kept;
 };
 
+void tell(const char* word) {
+    std::puts(word);
+    std::fflush(stdout);
+}
+
 int connectViewer(unsigned short port) {
-    const sockaddr_in address = local(port);
-    const auto* const generic = reinterpret_cast<const sockaddr*>(&address);
     const int fd = socket(AF_INET, SOCK_STREAM, 0);
-    const auto tellReady = [] {
-        std::puts("listening");
-        std::fflush(stdout);
-    };
     if (port == loggerPort) {
-        tellReady();
-        while (connect(fd, generic, sizeof address) != 0) {
+        tell("listening");
+        const sockaddr_in address = local(port);
+        while (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
             sleepUntil(nowNs() + 10'000'000);
         }
         const std::int32_t sendAll = 1;
@@ -175,103 +165,58 @@ int connectViewer(unsigned short port) {
     }
     const int on = 1;
     setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    if (bind(fd, generic, sizeof address) != 0 || listen(fd, 1) != 0) {
-        fail("viewer");
-    }
-    tellReady();
+    with(bind, fd, local(port), "viewer");
+    listen(fd, 1);
+    tell("listening");
     return accept(fd, nullptr, nullptr);
 }
 
 int sink(unsigned short port) {
-    const int log = logSocket();
+    const sockaddr_un name{AF_UNIX, "/dev/log"};
+    const int log = socket(AF_UNIX, SOCK_DGRAM, 0);
+    unlink(name.sun_path);
+    with(bind, log, name, "/dev/log");
+    constexpr unsigned patienceSeconds = 20;
+    alarm(patienceSeconds);
     const int viewer = connectViewer(port);
-    std::puts("ready");
-    std::fflush(stdout);
-    constexpr std::size_t batch = 64;
-    constexpr std::size_t recordLength = 9000;
-    std::vector<char> buffer(batch * recordLength);
-    std::vector<iovec> parts(batch);
-    std::vector<mmsghdr> headers(batch);
-    for (std::size_t i = 0; i < batch; ++i) {
-        parts[i] = {buffer.data() + i * recordLength, recordLength};
-        headers[i].msg_hdr.msg_iov = &parts[i];
-        headers[i].msg_hdr.msg_iovlen = 1;
-    }
-    std::int64_t logged = 0;
+    alarm(0);
+    tell("ready");
+    Batch batch(9000);
+    std::size_t logged = 0;
     Stream stream;
     std::array<pollfd, 3> watched{
         {{log, POLLIN, 0}, {viewer, POLLIN, 0}, {STDIN_FILENO, POLLIN, 0}}};
     while (poll(watched.data(), watched.size(), -1) > 0) {
         if (watched[1].revents != 0) {
-            const ssize_t got = recv(viewer, buffer.data(), buffer.size(), MSG_DONTWAIT);
+            const ssize_t got = recv(viewer, batch.at(0), batch.bytes.size(), MSG_DONTWAIT);
             if (got == 0) {
                 watched[1].fd = -1;
             } else if (got > 0) {
-                stream.take(buffer.data(), static_cast<std::size_t>(got));
+                stream.take(batch.at(0), static_cast<std::size_t>(got));
             }
         }
         if (watched[0].revents != 0) {
-            const int got = recvmmsg(log, headers.data(), batch, MSG_DONTWAIT, nullptr);
+            const int got = recvmmsg(log, batch.headers.data(), batchSize, MSG_DONTWAIT, nullptr);
             for (int i = 0; i < got; ++i) {
                 // Not what a collector says of itself.
-                logged += std::string_view(&buffer[static_cast<std::size_t>(i) * recordLength],
-                                           headers[static_cast<std::size_t>(i)].msg_len)
-                                      .find(mark) != std::string_view::npos
-                              ? 1
-                              : 0;
+                const auto index = static_cast<std::size_t>(i);
+                logged +=
+                    std::memchr(batch.at(index), mark, batch.headers[index].msg_len) != nullptr;
             }
         }
         if (watched[2].revents != 0) {
-            if (read(STDIN_FILENO, buffer.data(), buffer.size()) <= 0) {
+            if (read(STDIN_FILENO, batch.at(0), batch.length) <= 0) {
                 return 0;
             }
-            auto& times = stream.latenciesUs;
-            std::sort(times.begin(), times.end());
-            const auto quantile = [&times](std::size_t percent) {
-                return times.empty() ? 0 : times[times.size() * percent / 100];
-            };
-            std::printf("%lld %zu %lld %lld\n", static_cast<long long>(logged), times.size(),
-                        static_cast<long long>(quantile(50)), static_cast<long long>(quantile(99)));
+            std::printf("%zu %zu %lld %lld\n", logged, stream.latenciesUs.size(),
+                        static_cast<long long>(stream.quantile(50)),
+                        static_cast<long long>(stream.quantile(99)));
             std::fflush(stdout);
             logged = 0;
-            times.clear();
+            stream.latenciesUs.clear();
         }
     }
     return 1;
-}
-
-int measureStart(char** command) {
-    const int log = logSocket();
-    const int fd = senderSocket();
-    std::string text = newMessage(usualLength);
-    pid_t child = 0;
-    const std::int64_t begin = nowNs();
-    if (posix_spawnp(&child, command[0], nullptr, nullptr, command, environ) != 0) {
-        fail(command[0]);
-    }
-    std::array<char, 9000> record{};
-    for (std::string_view taken; taken.empty();) {
-        stamp(text);
-        send(fd, text.data(), text.size(), MSG_DONTWAIT);
-        sleepUntil(nowNs() + 100'000);
-        const ssize_t got = recv(log, record.data(), record.size() - 1, MSG_DONTWAIT);
-        if (got > 0) {
-            taken = {record.data(), static_cast<std::size_t>(got)};
-            const std::size_t position = taken.find(mark);
-            if (position == std::string_view::npos) {
-                taken = {};
-                continue;
-            }
-            const std::int64_t sent = std::atoll(record.data() + position + 1);
-            std::printf("%.3f\n", static_cast<double>(sent - begin) / 1e6);
-        }
-        if (nowNs() - begin > 20'000'000'000) {
-            fail("nothing was taken");
-        }
-    }
-    kill(child, SIGTERM);
-    waitpid(child, nullptr, 0);
-    return 0;
 }
 
 } // namespace
@@ -280,15 +225,11 @@ int main(int argc, char** argv) {
     const std::string mode = argc > 1 ? argv[1] : "";
     if (mode == "send" && (argc == 4 || argc == 5)) {
         return sendMessages(std::atoll(argv[2]), std::atoll(argv[3]),
-                            argc == 5 ? static_cast<std::size_t>(std::atoll(argv[4]))
-                                      : usualLength);
+                            argc == 5 ? std::strtoul(argv[4], nullptr, 10) : usualLength);
     }
     if (mode == "sink" && argc == 3) {
         return sink(static_cast<unsigned short>(std::atoi(argv[2])));
     }
-    if (mode == "start" && argc > 2) {
-        return measureStart(argv + 2);
-    }
-    std::fputs("load send RATE COUNT [LENGTH] | sink PORT | start COMMAND...\n", stderr);
+    std::fputs("load send RATE COUNT [LENGTH] | sink PORT\n", stderr);
     return 1;
 }
