@@ -10,6 +10,7 @@ import sys
 
 import dump
 import fleet
+import local_log
 import store
 import terminal
 import viewers
@@ -18,7 +19,7 @@ CASES = {case.__name__: case for case in (
     viewers.stalled_viewer, viewers.vanished_viewer, viewers.vanished_viewer_of_a_busy_log,
     terminal.hostile_text, terminal.harmless_text,
     dump.flood_of_triggers, dump.flood_of_commands, dump.full_disk, dump.planted_files,
-    store.growth, fleet.fleet)}
+    local_log.stalled_log, store.growth, fleet.fleet)}
 ISOLATED = pathlib.Path(__file__).parents[2] / "tests/support/isolated.sh"
 
 
