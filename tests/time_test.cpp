@@ -14,21 +14,12 @@
 #include <cstdlib>
 #include <ctime>
 #include <limits>
-#include <memory>
-#include <ostream>
 #include <random>
 #include <string>
 #include <string_view>
 #include <sys/stat.h>
-#include <tuple>
 #include <unistd.h>
-#include <utility>
 #include <vector>
-
-void PrintTo(const QELdateTime& time, std::ostream* out) {
-    *out << formatDateTime(time, 0, 6, true) << " weekday " << time.weekday << " leap year "
-         << time.leapYear << " day of year " << time.dayOfYear << " week " << time.week;
-}
 
 namespace {
 
@@ -52,18 +43,13 @@ std::int64_t modulo7(std::int64_t number) {
     return (number % 7 + 7) % 7;
 }
 
-auto fieldsOf(const auto& time) {
-    return std::tuple(time.year, time.month, time.day, time.hour, time.minute, time.second,
-                      time.microsecond);
+/// What setDate makes of the fields.
+QELdateTime setAgain(const QELdateTime& t) {
+    return dateTime(t.year, t.month, t.day, t.hour, t.minute, t.second, t.microsecond);
 }
 
-// What setDate makes of the fields.
-QELdateTime setAgain(const QELdateTime& time) {
-    return std::apply([](auto... fields) { return dateTime(fields...); }, fieldsOf(time));
-}
-
-// Parses text that ends where its memory does, so that the sanitizer sees a step beyond. Returns
-// the date or time and, after a bar, the text left, or "refused".
+/// Parses text that ends where its memory does, so that the sanitizer sees a step beyond. Returns
+/// the date or time and, after a bar, the text left, or "refused".
 std::string parsed(bool (*parser)(const char*&, std::int64_t&), std::string_view text) {
     std::vector<char> memory(text.size() + 1);
     text.copy(memory.data(), text.size());
@@ -106,9 +92,6 @@ TEST(Calendar, EveryDayUntil9999IsThatOfTheCLibrary) {
         ASSERT_EQ(brokenDown(static_cast<std::uint64_t>(micros)), expected);
         ASSERT_EQ(setAgain(expected), expected);
         ASSERT_EQ(toMicros(expected), micros);
-        const QELgregorianTime core = gregorianFromMicros(static_cast<std::uint64_t>(micros));
-        ASSERT_EQ(fieldsOf(core), fieldsOf(expected));
-        ASSERT_EQ(core.dayNumber, number);
     }
     EXPECT_EQ(toMicros(dateTime(1970, 1, 1, 0, 0, 0, 0)), unixEpochMicros);
 }
@@ -143,10 +126,10 @@ TEST(Calendar, DatesBefore1601AreCountedWithoutGapOrOverlap) {
                     continue; // left out by the switch to the Gregorian calendar
                 }
                 const QELdateTime time = dateTime(year, month, day, 0, 0, 0, 0);
-                ASSERT_EQ(toMicros(time), expected * microsPerDay) << testing::PrintToString(time);
-                ASSERT_EQ(time.weekday, modulo7(expected)) << testing::PrintToString(time);
-                ASSERT_EQ(time.leapYear, leapDay) << testing::PrintToString(time);
-                ASSERT_EQ(time.dayOfYear, dayOfYear) << testing::PrintToString(time);
+                ASSERT_EQ(toMicros(time), expected * microsPerDay);
+                ASSERT_EQ(time.weekday, modulo7(expected));
+                ASSERT_EQ(time.leapYear, leapDay);
+                ASSERT_EQ(time.dayOfYear, dayOfYear);
                 ++expected;
             }
         }
@@ -156,66 +139,84 @@ TEST(Calendar, DatesBefore1601AreCountedWithoutGapOrOverlap) {
 
 // The sanitizers watch; what can be said of such a date has to come out right all the same.
 TEST(Calendar, FieldsBeyondTheirRangeRunOn) {
-    constexpr std::array<std::int32_t, 8> fields = {least, -400, -1, 0, 3, 13, 9999, greatest};
-    for (std::size_t i = 0; i < fields.size() * fields.size() * fields.size(); ++i) {
-        const std::int32_t year = fields[i % 8];
-        const std::int32_t month = fields[i / 8 % 8];
-        const std::int32_t day = fields[i / 64];
-        const QELdateTime time = dateTime(year, month, day, day, day, day, day);
-        const std::int64_t number = daysFromDate(year, month, day);
-        ASSERT_EQ(time.weekday, modulo7(number));
-        ASSERT_EQ(daysInMonth(time), month == 3 ? 31 : 0);
-        ASSERT_EQ(static_cast<std::uint64_t>(toMicros(time)),
-                  static_cast<std::uint64_t>(number) * microsPerDay +
-                      static_cast<std::uint64_t>(day) *
-                          (microsPerHour + microsPerMinute + microsPerSecond + 1));
-        std::array<char, 100> text{};
-        std::snprintf(text.data(), text.size(), "%04u-%02u-%02u %02u:%02u:%02u", year, month, day,
-                      day, day, day);
-        ASSERT_EQ(formatDateTime(time, 0, 0, true), text.data());
+    constexpr std::array<std::int32_t, 9> fields = {least, -400, -1, 0, 1, 3, 13, 9999, greatest};
+    for (const std::int32_t year : fields) {
+        for (const std::int32_t month : fields) {
+            for (const std::int32_t day : fields) {
+                const QELdateTime time = dateTime(year, month, day, day, day, day, day);
+                const std::int64_t number = daysFromDate(year, month, day);
+                ASSERT_EQ(time.weekday, modulo7(number));
+                ASSERT_TRUE(time.week >= 1 && time.week <= 53);
+                ASSERT_EQ(daysInMonth(time), month == 3 || month == 1 ? 31 : 0);
+                ASSERT_EQ(static_cast<std::uint64_t>(toMicros(time)),
+                          static_cast<std::uint64_t>(number) * microsPerDay +
+                              static_cast<std::uint64_t>(day) *
+                                  (microsPerHour + microsPerMinute + microsPerSecond + 1));
+            }
+        }
     }
-    const QELdateTime february = dateTime(2024, 2, 31, 0, 0, 0, 0);
-    const QELdateTime march = dateTime(2024, 3, 2, 0, 0, 0, 0);
-    EXPECT_EQ(toMicros(february), toMicros(march));
-    EXPECT_EQ(february.dayOfYear, march.dayOfYear);
-    EXPECT_EQ(february.week, march.week);
+    // A day before its year is in the week of the year that it lies in.
+    for (std::int32_t day = -3000; day < 1; ++day) {
+        const QELdateTime back =
+            brokenDown(static_cast<std::uint64_t>(toMicros(dateTime(2024, 1, day, 0, 0, 0, 0))));
+        ASSERT_EQ(dateTime(2024, 1, day, 0, 0, 0, 0).week, back.week) << day;
+    }
+    for (const auto& [number, weekday] : {std::pair{INT64_MIN, 6}, {INT64_MAX, 0}}) {
+        QELdateTime time = dateTime(2024, 3, 5, 0, 0, 0, 0);
+        setDerived(time, number);
+        EXPECT_EQ(time.weekday, weekday);
+        EXPECT_TRUE(time.week >= 9 && time.week <= 11) << time.week;
+    }
+    EXPECT_EQ(dateTime(2024, 2, 31, 0, 0, 0, 0).dayOfYear, 62);
     EXPECT_EQ(daysFromDate(2023, 13, 1), daysFromDate(2024, 1, 1));
     EXPECT_EQ(daysFromDate(2024, 0, 1), daysFromDate(2023, 12, 1));
-    constexpr std::int64_t lastYear = std::numeric_limits<std::int64_t>::max();
-    EXPECT_EQ(daysFromDate(lastYear, 5, 2) - daysFromDate(lastYear, 5, 1), 1);
-    EXPECT_EQ(daysFromDate(-lastYear - 1, 5, 2) - daysFromDate(-lastYear - 1, 5, 1), 1);
+    EXPECT_EQ(daysFromDate(INT64_MAX, 5, 2) - daysFromDate(INT64_MAX, 5, 1), 1);
+    EXPECT_EQ(daysFromDate(INT64_MIN, 5, 2) - daysFromDate(INT64_MIN, 5, 1), 1);
 }
 
 TEST(Text, FormsOfDatesTimesAndWeekdays) {
     const QELdateTime time = dateTime(987, 3, 5, 9, 5, 7, 4321);
-    EXPECT_EQ(formatDate(time, 1, true), "05.03.0987");
-    EXPECT_EQ(formatDate(time, 1, false), "5.3.987");
-    EXPECT_EQ(formatDate(time, 2, true), "03/05/0987");
-    EXPECT_EQ(formatDate(time, 3, false), "09870305");
-    EXPECT_EQ(formatDate(time, -7, false), "987-3-5");
-    EXPECT_EQ(formatDateTime(time, 1, 3, false), "5.3.987 9:05:07.004");
-    EXPECT_EQ(formatTime(time, -1, true, ':'), "09:05");
-    EXPECT_EQ(formatTime(time, 0, true, ' '), "09 05 07");
-    EXPECT_EQ(formatTime(time, 6, true, '\x7f'), "09\x7f\x30\x35\x7f\x30\x37.004321");
-    EXPECT_EQ(formatTime(time, greatest, true, ':'), "09:05:07.004321");
-    EXPECT_EQ(formatTime(time, -1, false, '\0'), "905");
-    EXPECT_EQ(formatTime(time, 0, true, '\x1f'), "090507");
-    EXPECT_EQ(formatTime(time, 4, true, '\x80'), "090507.0043");
-    EXPECT_EQ(formatTime({.microsecond = -1}, 6, true, ':'), "00:00:00.429496");
-    EXPECT_EQ(weekdayName(0, 1, 0), "Montag");
-    EXPECT_EQ(weekdayName(3, 1, 2), "Do");
-    EXPECT_EQ(weekdayName(2, -1, 99), "Wednesday");
-    EXPECT_EQ(weekdayName(7, 1, 0), "");
+    for (const auto& [text, expected] :
+         {std::pair{formatDate(time, 1, true), "05.03.0987"},
+          {formatDate(time, 1, false), "5.3.987"},
+          {formatDate(time, 2, true), "03/05/0987"},
+          {formatDate(time, 3, false), "09870305"},
+          {formatDate(time, -7, false), "987-3-5"},
+          {formatDate({.year = -1, .month = 12}, 0, true), "4294967295-12-00"},
+          {formatDateTime(time, 1, 3, false), "5.3.987 9:05:07.004"},
+          {formatTime(time, -1, true, ':'), "09:05"},
+          {formatTime(time, 0, true, ' '), "09 05 07"},
+          {formatTime(time, 6, true, '\x7f'), "09\x7f\x30\x35\x7f\x30\x37.004321"},
+          {formatTime(time, greatest, true, ':'), "09:05:07.004321"},
+          {formatTime(time, -1, false, '\0'), "905"},
+          {formatTime(time, 0, true, '\x1f'), "090507"},
+          {formatTime(time, 4, true, '\x80'), "090507.0043"},
+          {formatTime({.microsecond = -1}, 6, true, ':'), "00:00:00.429496"},
+          {weekdayName(0, 1, 0), "Montag"},
+          {weekdayName(3, 1, 2), "Do"},
+          {weekdayName(2, -1, 99), "Wednesday"},
+          {weekdayName(7, 1, 0), ""}}) {
+        EXPECT_EQ(text, expected);
+    }
 }
 
-TEST(Parsers, DatesOfEveryFormAndNothingElse) {
-    for (const auto& [text, expected] : {std::pair{"5.3.2024 x", "2024-03-05| x"},
-                                         {"Mar  5 2024", "2024-03-05|"},
-                                         {"mAr-5 2024", "2024-03-05|"},
-                                         {"DEC 31 1601x", "1601-12-31|x"},
-                                         {"31.02.2024", "2024-03-02|"},
-                                         {"293877-12-31", "293877-12-31|"}}) {
-        EXPECT_EQ(parsed(parseDate, text), expected) << text;
+TEST(Parsers, DatesAndTimesOfEveryFormAndNothingElse) {
+    for (const auto& [parser, text, expected] :
+         {std::tuple{&parseDate, "5.3.2024 x", "2024-03-05| x"},
+          {&parseDate, "Mar  5 2024", "2024-03-05|"},
+          {&parseDate, "mAr-5 2024", "2024-03-05|"},
+          {&parseDate, "DEC 31 1601x", "1601-12-31|x"},
+          {&parseDate, "31.02.2024", "2024-03-02|"},
+          {&parseDate, "293877-12-31", "293877-12-31|"},
+          {&parseTime, "7:5", "07:05:00.000000|"},
+          {&parseTime, "0:0:0.000123x", "00:00:00.000123|x"},
+          {&parseTime, "10:20.5", "10:20:00.000000|.5"},
+          {&parseTime, "10:30 PM", "10:30:00.000000| PM"},
+          {&parseTime, "11:15am", "11:15:00.000000|m"},
+          {&parseTime, "12:30AM", "00:30:00.000000|M"},
+          {&parseTime, "12:30pM", "12:30:00.000000|M"},
+          {&parseTime, "1:02:03.4Pm!", "13:02:03.400000|m!"}}) {
+        EXPECT_EQ(parsed(parser, text), expected) << text;
     }
     for (const char* text : {"293878-1-1",   "4294967295-1-1", "1600-12-31",
                              "2024-13-01",   "2024-00-01",     "2024-01-00",
@@ -226,19 +227,6 @@ TEST(Parsers, DatesOfEveryFormAndNothingElse) {
                              "Mar",          "Mar 5",          "Mar 5 "}) {
         EXPECT_EQ(parsed(parseDate, text), "refused") << text;
     }
-}
-
-TEST(Parsers, TimesOfEveryFormAndNothingElse) {
-    for (const auto& [text, expected] : {std::pair{"7:5", "07:05:00.000000|"},
-                                         {"0:0:0.000123x", "00:00:00.000123|x"},
-                                         {"10:20.5", "10:20:00.000000|.5"},
-                                         {"10:30 PM", "10:30:00.000000| PM"},
-                                         {"11:15am", "11:15:00.000000|m"},
-                                         {"12:30AM", "00:30:00.000000|M"},
-                                         {"12:30pM", "12:30:00.000000|M"},
-                                         {"1:02:03.4Pm!", "13:02:03.400000|m!"}}) {
-        EXPECT_EQ(parsed(parseTime, text), expected) << text;
-    }
     for (const char* text :
          {"13:00AM", "13:00pm", "10:30A", "10:30Px", "24:00", "10:60", "10:30:60",
           "10:30:", "10:30:00.", "10:30:00.1234567", "10:", "10-30", ":30", ""}) {
@@ -246,46 +234,68 @@ TEST(Parsers, TimesOfEveryFormAndNothingElse) {
     }
 }
 
-// Splitting and formatting are compared with a reference in fuzz/durationText.cpp.
-TEST(Duration, SpanLeavesOutYearsAndMonthsAndWrapsAround) {
-    QELduration duration{.years = 3, .months = 2, .seconds = 1};
-    EXPECT_EQ(durationMicros(duration), 1'000'000);
+TEST(Duration, IsSplitAndWrittenAsMaskAndFormatSay) {
+    constexpr std::int64_t most = std::numeric_limits<std::int64_t>::max();
+    for (const auto& [micros, mask, format, expected] :
+         std::initializer_list<std::tuple<std::int64_t, unsigned, const char*, const char*>>{
+             {93'784'005'006, 31, "%D days %02h:%02m:%02s.%03f", "1 days 02:03:04.005"},
+             {-90'000'000, 6, "%m min %s s", "1 min 30 s"},
+             {-most - 1, 127, "%Y/%M/%D %h:%m:%s.%f", "292277/0/8 23:52:30.775808"},
+             {most, 1, "%u", "9223372036854775807"},
+             {31'556'952'000'000 - 1, 66, "%Y %s", "0 31556951"},
+             {2'629'746'000'000, 32 | 8, "%M %h", "1 0"},
+             {0, 127, "%f %01f %06f %07f", "000000 0 000000 000000"},
+             {5'000'000, 2, "%x3s|%-12s|%%1s|%s", "xx5|-----------5|5|5"},
+             {1'000'000, 2, "%s%s%s%s%s%s%s%s%", "1111111%s%"},
+             {0, 127, "no directive", "no directive"},
+             {0, 127, "cut short: %", ""},
+             {0, 127, "%02", ""},
+             {0, 127, "%2h", ""},
+             {0, 127, "%x", ""},
+             {0, 127, "%0-2s", ""},
+             {0, 127, "%065536s", ""}}) {
+        QELduration duration{.years = 9, .microseconds = 9};
+        splitDuration(duration, micros, static_cast<std::uint8_t>(mask));
+        EXPECT_EQ(formatDuration(duration, format), expected) << format;
+        EXPECT_EQ(duration.negative, micros < 0);
+        EXPECT_TRUE(mask != 31 || durationMicros(duration) == micros);
+    }
+    QELduration duration{.years = 3, .months = 2, .seconds = 1, .negative = true};
+    EXPECT_EQ(durationMicros(duration), -1'000'000);
     EXPECT_EQ(durationMicros({.days = ~std::uint64_t{0}, .microseconds = 2}), 2 - microsPerDay);
+    EXPECT_EQ(formatDuration({.hours = ~std::uint64_t{0}}, "%04h"), "00-1");
     EXPECT_EQ(formatDuration(duration, nullptr), "");
-    EXPECT_EQ(formatDuration(duration, "cut short: %"), "");
     clearDuration(duration);
     EXPECT_EQ(duration, QELduration{});
 }
 
 TEST(FileInfo, PathAndStreamTellTheSameAndTheUnknownClearsTheRecord) {
     const std::string name = testing::TempDir() + "time_test." + std::to_string(getpid());
-    using File = std::unique_ptr<std::FILE, int (*)(std::FILE*)>;
-    const File file(std::fopen(name.c_str(), "w"), std::fclose);
-    std::FILE* const stream = file.get();
+    std::FILE* const stream = std::fopen(name.c_str(), "w");
     ASSERT_NE(stream, nullptr);
-    std::fputs("twelve bytes", stream);
-    std::fflush(stream);
+    EXPECT_GE(std::fputs("twelve bytes", stream) + std::fflush(stream), 0);
     const std::array<timespec, 2> times = {
         {{.tv_sec = 0, .tv_nsec = 0}, {.tv_sec = 1'700'000'000, .tv_nsec = 999'999'999}}};
-    futimens(fileno(stream), times.data());
-    fchmod(fileno(stream), 0577);
-    const auto is = [](const QELfileInfo& info, unsigned mode, unsigned size, unsigned seconds) {
-        return info.mode == mode && info.size == size &&
+    EXPECT_EQ(futimens(fileno(stream), times.data()) + fchmod(fileno(stream), 0577), 0);
+    QELfileInfo info;
+    const auto is = [&](unsigned mode, unsigned size, unsigned seconds, const char* kind) {
+        const std::string found = (isRegular(info) ? "r" : "") +
+                                  std::string(isDirectory(info) ? "d" : "") +
+                                  (isWritable(info) ? "w" : "");
+        return info.mode == mode && info.size == size && found == kind &&
                info.modified == seconds * std::uint64_t{microsPerSecond};
     };
-    QELfileInfo info;
     statStream(info, stream);
-    EXPECT_TRUE(is(info, 0100577, 12, 1'700'000'000));
+    EXPECT_TRUE(is(0100577, 12, 1'700'000'000, "r"));
     statStream(info, nullptr);
-    EXPECT_TRUE(is(info, 0, 0, 0));
+    EXPECT_TRUE(is(0, 0, 0, ""));
     for (const char* unknown : {"/no/such/file", static_cast<const char*>(nullptr)}) {
         statPath(info, name.c_str());
-        EXPECT_TRUE(is(info, 0100577, 12, 1'700'000'000));
-        EXPECT_TRUE(isRegular(info) && !isDirectory(info) && !isWritable(info));
+        EXPECT_TRUE(is(0100577, 12, 1'700'000'000, "r"));
         statPath(info, unknown);
-        EXPECT_TRUE(is(info, 0, 0, 0));
+        EXPECT_TRUE(is(0, 0, 0, ""));
     }
-    std::remove(name.c_str());
+    EXPECT_EQ(std::fclose(stream) + std::remove(name.c_str()), 0);
     statPath(info, "/");
     EXPECT_TRUE(!isRegular(info) && isDirectory(info) && isWritable(info));
 }
@@ -302,9 +312,7 @@ TEST(Clocks, AreThoseOfTheSystemInEveryZone) {
     // Zone, standard offset and offset now, in minutes. BBB is daylight saving time that is in
     // force all year.
     for (const auto& [zone, standard, offset] : {std::tuple{"AAA-1", 60, 60},
-                                                 {"UTC0", 0, 0},
                                                  {"AAA3:30", -210, -210},
-                                                 {"AAA-5:45", 345, 345},
                                                  {"AAA-1BBB,0/0,J365/25", 60, 120},
                                                  {"AAA8BBB,0/0,J365/25", -480, -420}}) {
         setenv("TZ", zone, 1);
