@@ -8,16 +8,13 @@
 #include <array>
 #include <cstring>
 #include <memory>
-#include <random>
-#include <regex>
 #include <string>
-#include <tuple>
 #include <unistd.h>
 #include <vector>
 
 namespace {
 
-// What QELsockaddr4::parse() reads, as plain text.
+/// What QELsockaddr4::parse() reads, as plain text.
 std::string parsed(const std::string& text) {
     std::uint32_t addr = 0xDEADBEEF;
     std::int32_t port = -1;
@@ -28,61 +25,30 @@ std::string parsed(const std::string& text) {
     return "refused";
 }
 
-// The same by the grammar, without negative numbers.
-std::string parsedByGrammar(const std::string& text) {
-    static const std::string start = R"(\s*\+?0*)";
-    static const std::string number = start + R"((25[0-5]|2[0-4]\d|1?\d?\d))";
-    static const std::regex grammar(
-        number + R"(\.)" + number + R"(\.)" + number + R"(\.)" + number + "(?::" + start +
-        R"((6553[0-5]|655[0-2]\d|65[0-4]\d\d|6[0-4]\d{3}|[1-5]?\d{1,4}))?)");
-    std::smatch match;
-    if (!std::regex_match(text, match, grammar)) {
-        return "refused";
-    }
-    std::uint32_t addr = 0;
-    for (std::size_t i = 1; i <= 4; ++i) {
-        addr = addr * 256 + static_cast<std::uint32_t>(std::stoul(match[i]));
-    }
-    return std::to_string(addr) + ":" +
-           (match[5].matched ? std::to_string(std::stoul(match[5])) : "-1");
-}
-
 TEST(SocketAddress4, ReadsExactlyTheTextsOfItsGrammar) {
+    for (const auto& [text, expected] : {std::pair{"192.168.1.10", "3232235786:-1"},
+                                         {"255.255.255.255:65535", "4294967295:65535"},
+                                         {"192.168.1.10:+80", "3232235786:80"},
+                                         {" 1.2.3.4", "16909060:-1"},
+                                         {"01.002.3.4: 065535", "16909060:65535"},
+                                         {"+0. 0.\t0.-0:-0", "0:0"}}) {
+        EXPECT_EQ(parsed(text), expected) << text;
+    }
     for (const char* text :
-         {"192.168.1.10", "192.168.1.10:+80", " 1.2.3.4", "01.002.3.4: 065535", "", "1.2.3",
-          "1.2.3.", "1.2.3.4.", "1.2.3.4 ", "1.2.3.4:", "1.2.3.4:80x", "1.2.3.4:65536",
-          "1.2.3.4:-1", "256.1.1.1", "-1.2.3.4", "1.2.3.99999999999999999999",
-          "-99999999999999999999.2.3.4", "1.2.3.4:18446744073709551617"}) {
-        EXPECT_EQ(parsed(text), parsedByGrammar(text)) << text;
+         {"", "1.2.3", "1.2.3.", "1.2.3.4.", "1.2.3.4 ", "1.2.3.4:", "1.2.3.4:80x", "1.2.3.4:65536",
+          "1.2.3.4:-1", "256.1.1.1", "1.1.1.256", "-1.2.3.4", "1:2.3.4", "1.2.3.4x", "1..3.4", "x",
+          "1.2.3.4:18446744073709551617", "1.2.3.99999999999999999999",
+          "-99999999999999999999.2.3.4"}) {
+        EXPECT_EQ(parsed(text), "refused") << text;
     }
-    // Texts near valid ones.
-    constexpr std::string_view alphabet = "0123456789.:+ \t9x";
-    std::mt19937 random(1);
-    int refused = 0;
-    for (int i = 0; i < 20'000; ++i) {
-        std::string text = i % 2 == 0 ? "10.0.255.7" : "1.25.3.4:5000";
-        for (auto edits = random() % 4; edits > 0; --edits) {
-            const auto at = random() % text.size();
-            text.replace(at, random() % 2, random() % 3, alphabet[random() % alphabet.size()]);
-        }
-        ASSERT_EQ(parsed(text), parsedByGrammar(text)) << '"' << text << '"';
-        refused += parsed(text) == "refused" ? 1 : 0;
-    }
-    EXPECT_TRUE(refused > 5'000 && refused < 15'000) << refused;
 }
 
-TEST(SocketAddress4, TextFormIsTheSystemsAndReadsBack) {
-    std::mt19937 random(2);
-    for (int i = 0; i < 20'000; ++i) {
-        const QELsockaddr4 address(i == 0 ? UINT32_MAX : static_cast<std::uint32_t>(random()),
-                                   i == 0 ? UINT16_MAX : static_cast<std::uint16_t>(random()));
-        std::array<char, INET_ADDRSTRLEN> dotted{};
-        const in_addr raw{htonl(address.addr())};
-        inet_ntop(AF_INET, &raw, dotted.data(), dotted.size());
-        ASSERT_EQ(address.toString(false), dotted.data());
-        ASSERT_EQ(address.toString(true), dotted.data() + (":" + std::to_string(address.port())));
-        ASSERT_EQ(parsed(address.toString(true)),
-                  std::to_string(address.addr()) + ":" + std::to_string(address.port()));
+TEST(SocketAddress4, WritesWhatItReads) {
+    for (const char* text : {"0.0.0.0:0", "10.0.0.5:50000", "255.255.255.255:65535"}) {
+        QELsockaddr4 address;
+        EXPECT_TRUE(address.set(text, -1));
+        EXPECT_EQ(address.toString(true), text);
+        EXPECT_EQ(address.toString(false) + ":" + std::to_string(address.port()), text);
     }
     std::array<char, QELsockaddr4::textSize> text{};
     QELsockaddr4::format(0x0A000005, 65536, text.data());
@@ -125,9 +91,8 @@ TEST(SocketAddressUnix, LengthAndTextSurviveARawCopyAndTheSystem) {
     const std::string longName = name + std::string(200, 'n');
     for (const auto& [path, length, text] :
          {std::tuple<std::string, std::size_t, std::string>{"", 0, ""},
-          {"/", 4, "/"},
+          {"*", 4, "*"}, // an abstract name without characters: only its length tells
           {std::string(106, 'p'), 109, std::string(106, 'p')},
-          {std::string(107, 'p'), 110, std::string(107, 'p')},
           {std::string(200, 'p'), 110, std::string(107, 'p')},
           {file, file.size() + 3, file},
           {name, name.size() + 3, name},
@@ -135,15 +100,14 @@ TEST(SocketAddressUnix, LengthAndTextSurviveARawCopyAndTheSystem) {
         QELsockaddrUNX address;
         address.set("/before");
         address.set(path.c_str());
-        QELsockaddrUNX copy;
-        EXPECT_TRUE(copy.set(*address.sa()));
         EXPECT_EQ(address.toString(), text);
-        EXPECT_EQ(copy.toString(), text);
         EXPECT_EQ(address.saLen(), length) << path;
-        EXPECT_EQ(copy.saLen(), length) << path;
-        if (path == file || path.starts_with('*')) {
+        if (path == file || path.starts_with(name)) {
             const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
             EXPECT_EQ(bind(fd, address.sa(), address.saLen()), 0) << path;
+            QELsockaddrUNX copy;
+            EXPECT_TRUE(copy.set(*address.sa()));
+            EXPECT_EQ(copy.saLen(), length) << path;
             sockaddr_storage raw{};
             socklen_t rawLen = sizeof raw;
             EXPECT_EQ(getsockname(fd, reinterpret_cast<sockaddr*>(&raw), &rawLen), 0);
@@ -156,9 +120,7 @@ TEST(SocketAddressUnix, LengthAndTextSurviveARawCopyAndTheSystem) {
     }
     unlink(file.c_str());
     QELsockaddrUNX address;
-    address.set("*"); // an abstract name without characters: only its length tells
-    EXPECT_EQ(address.saLen(), 4U);
-    EXPECT_EQ(address.toString(), "*");
+    address.set("/before");
     address.set(nullptr);
     EXPECT_EQ(address.saLen(), 0U);
 }
@@ -196,9 +158,7 @@ TEST(SocketAddress, OrderIsTotalOverAllKinds) {
     for (std::size_t i = 0; i < sample.size(); ++i) {
         for (std::size_t j = 0; j < sample.size(); ++j) {
             const int order = sample[i].compare(sample[j]);
-            EXPECT_TRUE(i < j   ? order < 0
-                        : i > j ? order > 0
-                                : order == 0)
+            EXPECT_EQ((order > 0) - (order < 0), (i > j) - (i < j))
                 << sample[i].toString(true) << " and " << sample[j].toString(true);
         }
     }
