@@ -70,8 +70,9 @@ quietly g++ -std=c++20 $(pkg-config --cflags hvlogger) headers.cpp "$source/exam
 
 echo "Running"
 HVLOGGER=$root/usr/bin/hvlogger PYTHONPATH=$source/tests /usr/bin/python3 -B - <<'EOF'
+import socket
 import subprocess
-from support.harness import Server, Viewer
+from support.harness import Server, Viewer, await_true, sockets
 
 with Server(), Viewer() as viewer:
     viewer.expect(Viewer.GREETING)
@@ -79,6 +80,13 @@ with Server(), Viewer() as viewer:
         process = subprocess.Popen([producer, "sip"])
         for severity in range(8):
             viewer.read_until(f" sip {process.pid}-{severity}: ".encode())
+    device = subprocess.Popen(["cmake/device", "127.0.0.1:50001"])
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as neighbour:
+        await_true(lambda: any(row[1] == 50001 for row in sockets("udp")), "a device that listens")
+        neighbour.sendto(b"up", ("127.0.0.1", 50001))
+    viewer.read_until(f" router {device.pid}-6: Neighbour 127.0.0.1\r\n".encode())
+    viewer.read_until(f" router {device.pid}-4: Neighbour silent\r\n".encode())
+    device.kill()
     assert viewer.quit() == 0
 EOF
 

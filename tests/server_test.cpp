@@ -19,7 +19,6 @@
 #include <ctime>
 #include <fcntl.h>
 #include <iostream>
-#include <latch>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <string>
@@ -54,14 +53,19 @@ TEST(TokenBucket, CountStaysBetweenZeroAndOneBelowTheCapacity) {
         bucket.stop();
         bucket.stop();
         EXPECT_EQ(bucket.thread, nullptr);
-        for (int more = 0; more < 3; ++more) {
-            bucket.refill();
-        }
+        bucket.refill();
         EXPECT_EQ(bucket.tokens, highest);
     }
     QELtokenBucket bucket;
     EXPECT_EQ(bucket.start(0, 100), -1);
-    EXPECT_FALSE(bucket.running);
+    pthread_attr_t usual, huge; // a stack that no thread can have
+    pthread_getattr_default_np(&usual);
+    pthread_attr_init(&huge);
+    pthread_attr_setstacksize(&huge, SIZE_MAX / 4);
+    pthread_setattr_default_np(&huge);
+    EXPECT_EQ(bucket.start(10000, 100), -1);
+    pthread_setattr_default_np(&usual);
+    EXPECT_FALSE(bucket.running || bucket.thread);
     bucket.tokens = 620;
     for (const auto& [count, left] : {std::pair{0U, 620U}, {500U, 120U}, {500U, 0U}, {~0U, 0U}}) {
         bucket.take(count);
@@ -77,17 +81,13 @@ TEST(TokenBucket, RefillAndTakeAtTheSameMomentLoseNothing) {
     QELtokenBucket bucket;
     bucket.capacity = 0xFFFFFFFF;
     bucket.tokens = each; // takes never find it empty
-    std::latch start(2);
-    std::thread refilling([&] {
-        start.arrive_and_wait();
+    const auto repeat = [](auto operation) {
         for (std::uint32_t n = 0; n < each; ++n) {
-            bucket.refill();
+            operation();
         }
-    });
-    start.arrive_and_wait();
-    for (std::uint32_t n = 0; n < each; ++n) {
-        bucket.take(1);
-    }
+    };
+    std::thread refilling([&] { repeat([&] { bucket.refill(); }); });
+    repeat([&] { bucket.take(1); });
     refilling.join();
     EXPECT_EQ(bucket.tokens, each);
 }
