@@ -13,18 +13,22 @@ install_missing clang libclang-rt-14-dev cmake ninja-build
 cmake --preset fuzz
 cmake --build --preset fuzz
 
-targets=(tests/fuzz/corpus/*/)
-targets=("${targets[@]%/}")
+targets=(tests/fuzz/*.seeds)
 targets=("${targets[@]##*/}")
+targets=("${targets[@]%.seeds}")
 pids=()
 trap 'kill "${pids[@]}" 2>/dev/null || true' EXIT
 for target in "${targets[@]}"; do
-    rm -rf "build-fuzz/findings/$target"
-    mkdir -p "build-fuzz/found/$target" "build-fuzz/findings/$target"
-    nice -n 10 "build-fuzz/tests/fuzz/fuzz_$target" -max_total_time="$seconds" -timeout=10 \
-        -rss_limit_mb=2048 -print_final_stats=1 -dict=tests/fuzz/words.dict \
+    rm -rf build-fuzz/{findings,seeds}/"$target"
+    mkdir -p build-fuzz/{findings,found,seeds}/"$target"
+    number=0
+    while IFS= read -r seed; do
+        printf %b "$seed" >"build-fuzz/seeds/$target/$((number += 1))"
+    done <"tests/fuzz/$target.seeds"
+    nice -n 10 tests/support/isolated.sh "build-fuzz/tests/fuzz/fuzz_$target" \
+        -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 -print_final_stats=1 \
         -artifact_prefix="build-fuzz/findings/$target/" \
-        "build-fuzz/found/$target" "tests/fuzz/corpus/$target" >"build-fuzz/$target.log" 2>&1 &
+        "build-fuzz/found/$target" "build-fuzz/seeds/$target" >"build-fuzz/$target.log" 2>&1 &
     pids+=($!)
 done
 

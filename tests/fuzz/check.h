@@ -1,14 +1,18 @@
 #pragma once
 
-#include <algorithm>
-#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
+#include <string>
 #include <string_view>
 
-/// Ends the run as a crash, with @p rule on standard error, unless it holds: the fuzzer, or the
-/// replay, then keeps or names the input.
+void target(std::string_view input); ///< what a target does with an input
+
+extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t size) {
+    target({reinterpret_cast<const char*>(data), size});
+    return 0;
+}
+
 inline void require(bool holds, const char* rule) {
     if (!holds) {
         std::fprintf(stderr, "Does not hold: %s\n", rule);
@@ -16,14 +20,9 @@ inline void require(bool holds, const char* rule) {
     }
 }
 
-/// A copy of @p text, terminated, in a block of exactly its size: the address sanitizer sees the
-/// first byte that is read beyond its end.
+/// A terminated copy with nothing behind it, so that the address sanitizer sees what reads there.
 inline std::unique_ptr<char[]> exactText(std::string_view text) {
     auto copy = std::make_unique<char[]>(text.size() + 1);
-    std::copy(text.begin(), text.end(), copy.get());
+    text.copy(copy.get(), text.size());
     return copy;
-}
-
-inline std::string_view asText(const unsigned char* data, std::size_t size) {
-    return {reinterpret_cast<const char*>(data), size};
 }

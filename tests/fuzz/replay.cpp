@@ -1,59 +1,49 @@
-// replay FOLDER: runs a fuzz target, without a fuzzer, over every file of a folder, then over
-// mixtures of them. The last line on standard error names the input when the target aborts.
+// replay SEEDS: runs a fuzz target over every line of a file, in which \\ and \xHH stand for a byte
+// as for printf %b, then over mixtures of them. Names each on standard error before it is run.
 
-#include <cstddef>
-#include <cstdio>
-#include <filesystem>
 #include <fstream>
-#include <iterator>
-#include <map>
+#include <iostream>
 #include <random>
 #include <string>
 #include <vector>
 
 extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t size);
 
-namespace {
-
-constexpr int mixtures = 5000;
-
-void run(const std::string& name, const std::vector<char>& input) {
-    std::fprintf(stderr, "%s\n", name.c_str());
-    // A block of exactly the input's size, as the fuzzer hands it over.
-    const std::vector<unsigned char> data(input.begin(), input.end());
-    LLVMFuzzerTestOneInput(data.data(), data.size());
+static std::string unescaped(const std::string& line) {
+    std::string bytes;
+    for (std::size_t i = 0; i < line.size(); ++i) {
+        const bool hex = line.compare(i, 2, "\\x") == 0;
+        bytes += hex ? static_cast<char>(std::stoi(line.substr(i + 2, 2), nullptr, 16)) : line[i];
+        i += hex ? 3 : line[i] == '\\' ? 1 : 0;
+    }
+    return bytes;
 }
 
-} // namespace
+static void run(const std::string& name, const std::string& input) {
+    std::cerr << name << '\n';
+    const std::vector<unsigned char> exact(input.begin(), input.end()); // nothing behind its end
+    LLVMFuzzerTestOneInput(exact.data(), exact.size());
+}
 
-int main(int argc, char** argv) {
-    std::map<std::string, std::vector<char>> files;
-    std::error_code error;
-    for (const auto& entry : std::filesystem::directory_iterator(argc == 2 ? argv[1] : "", error)) {
-        std::ifstream file(entry.path(), std::ios::binary);
-        files[entry.path()] = {std::istreambuf_iterator<char>(file), {}};
+int main(int /*argc*/, char** argv) {
+    std::vector<std::string> seeds;
+    std::ifstream file(argv[1]);
+    for (std::string line; std::getline(file, line);) {
+        seeds.push_back(unescaped(line));
+        run(line, seeds.back());
     }
-    for (const auto& [name, input] : files) {
-        run(name, input);
-    }
-    // The same in every run.
-    std::mt19937 random(1); // NOLINT(*-msc51-cpp)
-    const auto below = [&random](std::size_t limit) {
-        return static_cast<std::ptrdiff_t>(random() % limit);
+    std::mt19937 random(1); // NOLINT(*-msc51-cpp): the same in every run
+    const auto below = [&](std::size_t limit) {
+        return random() % limit;
     };
-    for (int number = 0; number < mixtures && !files.empty(); ++number) {
-        std::vector<char> mixture;
+    for (int number = 0; number < 5000; ++number) {
+        std::string mixture;
         for (auto pieces = 1 + below(6); pieces > 0; --pieces) {
-            const auto& input = std::next(files.begin(), below(files.size()))->second;
-            const auto begin = below(2) * below(input.size() + 1);
-            const auto end = begin + below(input.size() - static_cast<std::size_t>(begin) + 1);
-            mixture.insert(mixture.end(), input.begin() + begin, input.begin() + end);
+            const std::string& seed = seeds.at(below(seeds.size()));
+            const auto begin = below(2) * below(seed.size() + 1);
+            mixture += seed.substr(begin, below(seed.size() - begin + 1));
         }
-        for (auto changes = below(4); changes > 0 && !mixture.empty(); --changes) {
-            mixture[static_cast<std::size_t>(below(mixture.size()))] = static_cast<char>(random());
-        }
+        mixture.replace(below(mixture.size() + 1), below(2), below(2), static_cast<char>(random()));
         run("mixture " + std::to_string(number), mixture);
     }
-    std::printf("%zu inputs and their mixtures\n", files.size());
-    return files.empty() || error ? 1 : 0;
 }
