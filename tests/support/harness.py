@@ -131,17 +131,26 @@ def wait_for_dump(folder):
     return content
 
 
-class LogDevice:
-    """The reader of /dev/log: one record for each line that the server passes on."""
+class Entered:
+    """What is closed when it is left."""
 
     def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.close()
+
+
+class LogDevice(Entered):
+    """The reader of /dev/log: one record for each line that the server passes on."""
+
+    def __init__(self):
         self.socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
         self.socket.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 1 << 20)
         self.socket.bind("/dev/log")
         self.socket.settimeout(DEADLINE)
-        return self
 
-    def __exit__(self, *_):
+    def close(self):
         self.socket.close()
         pathlib.Path("/dev/log").unlink(missing_ok=True)
 
@@ -153,24 +162,19 @@ class LogDevice:
         return not select.select([self.socket], [], [], 0)[0]
 
 
-class Server:
+class Server(Entered):
     """`hvlogger server` in a directory of its own."""
 
     def __init__(self, *arguments, **popen):
-        self.arguments, self.popen = arguments, popen
-
-    def __enter__(self):
         self.directory = tempfile.TemporaryDirectory()
         self.output_path = pathlib.Path(self.directory.name, "output")
         with open(self.output_path, "wb") as output:
-            self.process = subprocess.Popen([PROGRAM, "server", *self.arguments], cwd=self.directory.name,
-                                            stdin=subprocess.DEVNULL, stdout=output, stderr=output, **self.popen)
+            self.process = subprocess.Popen([PROGRAM, "server", *arguments], cwd=self.directory.name,
+                                            stdin=subprocess.DEVNULL, stdout=output, stderr=output, **popen)
         await_true(lambda: listening() or self.process.poll() is not None, "server starts")
-        return self
 
-    def __exit__(self, *_):
-        if self.process.poll() is None:
-            self.stop(signal.SIGKILL)
+    def close(self):
+        self.stop(signal.SIGKILL)
         self.directory.cleanup()
 
     @property
@@ -202,7 +206,7 @@ class Server:
         return self.process.wait(DEADLINE)
 
 
-class RawViewer:
+class RawViewer(Entered):
     """A viewer written elsewhere: the bare protocol."""
 
     def __init__(self, address="127.0.0.1", receive_buffer=None):
@@ -213,10 +217,7 @@ class RawViewer:
         self.socket.connect((address, PORT))
         self.received = b""
 
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *_):
+    def close(self):
         self.socket.close()
 
     def send(self, data):
@@ -247,22 +248,17 @@ class RawViewer:
         self.socket.close()
 
 
-class FakeServer:
+class FakeServer(Entered):
     """Accepts one viewer and lets the test say every byte of the stream."""
 
-    def __enter__(self):
-        self.listener = socket.create_server(("127.0.0.1", PORT))
+    def __init__(self):
+        self.connection = self.listener = socket.create_server(("127.0.0.1", PORT))
         self.listener.settimeout(DEADLINE)
-        self.connection = None
-        return self
-
-    def __exit__(self, *_):
-        self.close()
-        self.listener.close()
 
     def accept(self):
         """Accepts the viewer, which must ask for everything."""
-        self.connection = self.listener.accept()[0]
+        with self.listener:
+            self.connection = self.listener.accept()[0]
         self.connection.settimeout(DEADLINE)
         self.connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
         self.expect(SEND_ALL)
@@ -271,11 +267,10 @@ class FakeServer:
         expect_stream(lambda: self.connection.recv(len(data)), data)
 
     def close(self):
-        if self.connection:
-            self.connection.close()
+        self.connection.close()
 
 
-class Terminal:
+class Terminal(Entered):
     """A program on a real terminal whose output processing is off, so that every byte shows."""
 
     def __init__(self, *command, **popen):
@@ -288,13 +283,9 @@ class Terminal:
             "stdin": self.slave, "stdout": self.slave, "stderr": self.slave, **popen})
         self.screen = pexpect.fdpexpect.fdspawn(master, timeout=DEADLINE, maxread=1 << 16)
 
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *_):
-        if self.process.poll() is None:
-            self.process.kill()
-            self.process.wait()
+    def close(self):
+        self.process.kill()
+        self.process.wait()
         self.screen.close()
         os.close(self.slave)
 
