@@ -1,6 +1,6 @@
 import pytest
 
-from support.harness import SEND_ALL, FakeServer, RawViewer, Server, Viewer
+from support.harness import LOG_DEVICE_TAKEN, SEND_ALL, FakeServer, LogDevice, RawViewer, Server, Viewer
 
 
 def entered(kind):
@@ -22,4 +22,12 @@ def viewer(server):
     """A viewer of the bare protocol that has asked for everything."""
     with RawViewer() as it:
         it.send(SEND_ALL)
+        yield it
+
+
+@pytest.fixture
+def log_device():
+    if LOG_DEVICE_TAKEN:
+        pytest.skip("/dev/log cannot be this test's own")
+    with LogDevice() as it:
         yield it

@@ -91,10 +91,10 @@ def idle(pid):
     machine, one that waits passes and one that spins or polls does not."""
     def sleeps():
         looks = set()
-        for _ in range(20):
+        for _ in range(10):
             text = pathlib.Path(f"/proc/{pid}/status").read_text()
             looks.add((re.search(r"State:\s+(\w)", text)[1], text[text.index("voluntary_ctxt_switches"):]))
-            time.sleep(0.005)
+            time.sleep(0.002)
         return len(looks) == 1 and looks.pop()[0] == "S"
     return await_true(sleeps, "the process sleeps")
 
