@@ -18,6 +18,11 @@ if [ "${1-}" = --inside ]; then
         : >/mnt/dev/$node
         mount --bind /dev/$node /mnt/dev/$node
     done
+    if [ -e /dev/net/tun ]; then
+        mkdir /mnt/dev/net
+        : >/mnt/dev/net/tun
+        mount --bind /dev/net/tun /mnt/dev/net/tun
+    fi
     mkdir /mnt/dev/pts /mnt/dev/shm
     mount -t devpts -o newinstance,ptmxmode=0666,mode=0620 devpts /mnt/dev/pts
     mount --bind /dev/shm /mnt/dev/shm
