@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # run.sh NAME [ARGUMENT...]   installs what is missing, builds what ships into build-bench/, and runs
 #   compare, viewer, memory, burst   what it costs, beside other systems (bench/system)
-#   reliability [CASE...]            what it does when others misbehave (bench/reliability)
+#   reliability [--runs N] [CASE...] what it does over bad links and when others misbehave (bench/reliability)
 #   store, selector, instructions    what its parts cost (bench/micro)
 # in namespaces of its own. Needs root; figures that are to be told need an idle machine.
 set -euo pipefail
