@@ -13,7 +13,7 @@
 
 namespace {
 
-constexpr std::uint64_t acceptRetryUs = 100'000;
+constexpr std::uint64_t acceptRetryUs = 1'000'000;
 /// What a viewer sends faster than it is read must not keep the server from its datagrams.
 constexpr std::size_t commandsLimit = 0x2000;
 
