@@ -1,5 +1,7 @@
 """What a person meets first: arguments, exit statuses, and the failures of starting up."""
 
+import os
+import resource
 import signal
 import socket
 import subprocess
@@ -55,9 +57,21 @@ def test_server_interrupted_while_waiting(server):
     (socket.SOCK_STREAM, b"Cannot bind to port: 50000\n")])
 def test_port_that_cannot_be_had_is_reported(kind, output):
     with socket.socket(socket.AF_INET, kind) as taken:
+        taken.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)  # what former viewers have left is not in the way
         taken.bind(("0.0.0.0", PORT))
+        if kind == socket.SOCK_STREAM:
+            taken.listen()
         with Server() as server:
             expect_end(server, 255, output)
+
+
+def test_sockets_that_cannot_be_watched_are_reported():
+    def take_descriptors():
+        resource.setrlimit(resource.RLIMIT_NOFILE, (2048, 2048))
+        for fd in range(3, 1024):
+            os.dup2(0, fd)
+    with Server(preexec_fn=take_descriptors, close_fds=False) as server:
+        expect_end(server, 255, b"Cannot watch descriptor 1024: too many are open\n")
 
 
 def test_address_is_the_viewers_alone():

@@ -8,8 +8,6 @@ set -eu
 if [ "${1-}" = --inside ]; then
     shift
     ip link set lo up
-    # A server that is stopped with a viewer connected would leave the port in TIME_WAIT for the next.
-    echo 0 >/proc/sys/net/ipv4/tcp_max_tw_buckets
     # Private layers: what is there stays visible, what is written stays here.
     mount -t tmpfs tmpfs /mnt
     mkdir /mnt/up /mnt/work /mnt/dev
