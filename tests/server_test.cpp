@@ -1,6 +1,6 @@
 #include "HVLoggerListener.h"
 #include "HVLoggerMediator.h"
-#include "HVLoggerModes.h"
+#include "HVLoggerOutbox.h"
 #include "HVLoggerTCPsockCli.h"
 #include "HVLoggerTCPsockSrv.h"
 #include "HVLoggerVocabulary.h"
@@ -8,20 +8,25 @@
 #include "QELselector.h"
 #include "QELsockaddr4.h"
 #include "QELtokenBucket.h"
+#include "support/allocations.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <array>
 #include <atomic>
+#include <cerrno>
 #include <chrono>
-#include <csignal>
 #include <cstring>
 #include <ctime>
+#include <deque>
 #include <fcntl.h>
 #include <iostream>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <string>
+#include <sys/socket.h>
 #include <sys/syscall.h>
 #include <thread>
 #include <unistd.h>
@@ -33,6 +38,7 @@ using testing::_;
 
 std::atomic<time_t> secondsAhead = 0; ///< how far the clocks are put forward
 tcp_info connection{};                ///< what is told about every connection, if it is not zero
+std::deque<std::size_t> takes;        ///< what sends that do not wait take, as long as it lasts
 
 template <class Condition>
 bool eventually(Condition condition) {
@@ -125,17 +131,6 @@ TEST(Listener, RefusesDatagramsOnlyWhileARunningLimiterIsEmpty) {
     EXPECT_EQ(limiter.periodNs, 100000U);
 }
 
-TEST(Listener, WorksWithoutAnyoneToTell) {
-    HVLoggerListener alone(nullptr);
-    alone.onLogMessage("<14>1 t d sip 1 - R4tNc8vLq2!&=^_", 0);
-    alone.onLogMessage("<14>1 t d sip 1 - text", 0);
-    EXPECT_EQ(alone.messages.size(), 1U);
-    QELlogger5srvSel server;
-    testing::internal::CaptureStdout();
-    server.onMessage("line", 4);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "line\n");
-}
-
 TEST(Mediator, MissingDestinationsAreReportedAndUnknownTypesIgnored) {
     std::string text;
     const auto printed = [&text](HVLoggerMediator& mediator, int id, int type) {
@@ -218,76 +213,165 @@ class TcpServer : public testing::Test {
         std::uint64_t onTimer(std::int64_t /*nowUs*/) override { return 1; }
     };
 
-    testing::StrictMock<MediatorMock> mediator;
+    testing::NiceMock<MediatorMock> mediator;
+    std::string listing = "<14>1 listing";
+    std::string newest = "newest";
     QELselector selector;
     Tick tick;
     HVLoggerTCPsockSrv server{&mediator};
     QELsockCONN viewer;
 
     TcpServer() {
-        connect(server, viewer);
-        server.connFd = server.fd;
+        ON_CALL(mediator, notify(idListener, _, _)).WillByDefault([this](int, int type, void* to) {
+            *static_cast<std::string*>(to) = type == msgGetAllRaw ? listing : newest;
+        });
         selector.setTimer(&tick, 1);
-        cycle();
-        EXPECT_EQ(server.state, HVLoggerTCPsockSrv::stateConnected);
+        connectViewer();
     }
     ~TcpServer() override {
         secondsAhead = 0;
         connection = {};
+        takes.clear();
+    }
+    void connectViewer() {
+        connect(server, viewer);
+        server.connFd = server.fd;
+        cycle();
+        EXPECT_EQ(server.state, HVLoggerTCPsockSrv::stateConnected);
     }
     void cycle() {
         selector.addRead(&server, server.getSelectFd());
         EXPECT_EQ(selector.runOnce(), 0);
+        server.sendCollected();
     }
-};
-
-TEST_F(TcpServer, SilentViewerIsAskedForASignOfLifeAndGivenUpWithinAMinute) {
-    const auto option = [this](int level, int name) {
+    int option(int level, int name) const {
         int value = 0;
         socklen_t length = sizeof value;
         EXPECT_EQ(getsockopt(server.connFd, level, name, &value, &length), 0);
         return value;
-    };
+    }
+    /// Has the viewer ask for the listing, behind other bytes.
+    void sendCommand(std::string batch) {
+        const std::int32_t command = HVLoggerTCPsock::cmdSendAll;
+        batch.append(reinterpret_cast<const char*>(&command), sizeof command);
+        EXPECT_EQ(viewer.send(batch.data(), static_cast<unsigned>(batch.size())),
+                  static_cast<int>(batch.size()));
+    }
+    void expectArrived(const std::string& text) const {
+        std::string arrived(text.size(), '?');
+        recv(viewer.fd, arrived.data(), arrived.size(), MSG_DONTWAIT);
+        EXPECT_EQ(arrived, text);
+    }
+};
+
+TEST_F(TcpServer, SilentViewerIsAskedForASignOfLifeAndGivenUpWithinAMinute) {
     EXPECT_EQ(option(SOL_SOCKET, SO_KEEPALIVE), 1);
     EXPECT_LE(option(IPPROTO_TCP, TCP_KEEPIDLE) +
                   option(IPPROTO_TCP, TCP_KEEPINTVL) * option(IPPROTO_TCP, TCP_KEEPCNT),
               60);
+    EXPECT_EQ(option(IPPROTO_TCP, TCP_NODELAY), 1); // the end of a message waits for nothing
 }
 
 TEST_F(TcpServer, ViewerThatAcknowledgesNothingForTooLongIsDropped) {
     const struct {
         std::uint32_t unacknowledged;
+        std::uint8_t probes;  // in vain
+        std::uint8_t backoff; // with nothing unacknowledged: the window is full
         std::uint32_t lastAckMs;
+        int probedUntilMs;
         HVLoggerTCPsockSrv::State state;
-    } cases[] = {{0, 4'000'000, HVLoggerTCPsockSrv::stateConnected},
-                 {1, 20'000, HVLoggerTCPsockSrv::stateConnected},
-                 {1, 45'000, HVLoggerTCPsockSrv::stateListening}};
+    } cases[] = {{0, 0, 0, 4'000'000, 0, HVLoggerTCPsockSrv::stateConnected},
+                 {1, 0, 3, 20'000, 0, HVLoggerTCPsockSrv::stateConnected},
+                 {0, 1, 8, 110'000, 320'000, HVLoggerTCPsockSrv::stateConnected},
+                 {0, 2, 8, 20'000, 320'000, HVLoggerTCPsockSrv::stateConnected},
+                 {0, 2, 8, 45'000, -1, HVLoggerTCPsockSrv::stateListening},
+                 {1, 0, 7, 45'000, -1, HVLoggerTCPsockSrv::stateListening}};
     for (const auto& c : cases) {
+        if (server.state == HVLoggerTCPsockSrv::stateListening) {
+            connectViewer();
+        }
         connection.tcpi_unacked = c.unacknowledged;
+        connection.tcpi_probes = c.probes;
+        connection.tcpi_backoff = c.backoff;
         connection.tcpi_last_ack_recv = c.lastAckMs;
+        connection.tcpi_last_data_sent = 300'000;
         secondsAhead += 11;
         cycle();
-        EXPECT_EQ(server.state, c.state);
+        ASSERT_EQ(server.state, c.state);
+        if (c.state == HVLoggerTCPsockSrv::stateConnected) {
+            EXPECT_EQ(option(IPPROTO_TCP, TCP_USER_TIMEOUT), c.probedUntilMs);
+        }
     }
 }
 
-TEST_F(TcpServer, ViewerThatLeftIsWatchedNoLonger) {
-    viewer.close();
-    cycle();
-    EXPECT_EQ(server.state, HVLoggerTCPsockSrv::stateListening);
-    connection.tcpi_unacked = 1;
-    connection.tcpi_last_ack_recv = 45'000;
-    secondsAhead += 11;
-    cycle();
-    EXPECT_NE(fcntl(server.fd, F_GETFD), -1); // the listening socket was not taken for a viewer
+TEST_F(TcpServer, WhatACycleHasForTheViewerLeavesInOneSendAndInOrderWhereverThatIsCut) {
+    newest = "at once";
+    server.forwardNewest();
+    expectArrived("at once");
+    server.collecting = true;
+    for (std::size_t cut = 0; cut <= 3 + listing.size(); ++cut) {
+        takes = {cut, 1};
+        newest = "one";
+        server.forwardNewest();
+        sendCommand("");
+        cycle();
+        EXPECT_EQ(takes.size(), 1U);
+        newest = "two";
+        server.forwardNewest();
+        cycle();
+        EXPECT_EQ(takes.size(), 0U);
+        cycle();
+        expectArrived("one" + listing + "two");
+    }
 }
 
-TEST(Signals, OnlyAnInterruptEndsTheServer) {
-    onSignal(SIGTERM);
-    EXPECT_TRUE(appRunning);
-    onSignal(SIGINT);
-    EXPECT_FALSE(appRunning);
-    appRunning = true;
+TEST_F(TcpServer, ViewerThatEndedItsSideGetsWhatIsThereForItAndNothingNew) {
+    server.collecting = true;
+    for (const bool paused : {true, false}) {
+        server.forwardNewest();
+        shutdown(viewer.fd, SHUT_WR);
+        takes = {paused ? 3U : newest.size()};
+        cycle();
+        if (paused) {
+            EXPECT_EQ(server.getSelectFd(), -1);
+            server.forwardNewest();
+            cycle();
+        }
+        EXPECT_EQ(server.state, HVLoggerTCPsockSrv::stateListening);
+        expectArrived(newest);
+        EXPECT_EQ(recv(viewer.fd, listing.data(), 1, 0), 0);
+        // The listening socket is not taken for a viewer that vanishes.
+        connection.tcpi_unacked = 1;
+        connection.tcpi_last_ack_recv = 45'000;
+        secondsAhead += 11;
+        cycle();
+        EXPECT_NE(fcntl(server.fd, F_GETFD), -1);
+        connectViewer();
+    }
+}
+
+TEST_F(TcpServer, FloodOfCommandsIsReadInPieces) {
+    sendCommand(std::string(0x2000, '\0')); // of one piece only the start would count
+    cycle();
+    cycle();
+    expectArrived(listing);
+}
+
+TEST(Outbox, PeerThatIsAlwaysALittleBehindCostsNoMemory) {
+    std::array<int, 2> ends{};
+    std::string text(100, 'x');
+    HVLoggerOutbox outbox([] {});
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends.data()), 0);
+    outbox.append(std::string(text));
+    const std::int64_t before = allocations;
+    for (int round = 0; round < 1000; ++round) {
+        outbox.append(std::string(text)); // one allocation
+        takes = {text.size()};            // another one
+        ASSERT_TRUE(outbox.send(ends[0], nullptr));
+        ASSERT_EQ(recv(ends[1], text.data(), text.size(), 0), text.size());
+    }
+    EXPECT_LE(allocations - before, 2000 + 4);
+    std::ranges::for_each(ends, ::close);
 }
 
 } // namespace
@@ -305,5 +389,16 @@ extern "C" int getsockopt(int fd, int level, int name, void* value, socklen_t* l
         return 0;
     }
     return static_cast<int>(syscall(SYS_getsockopt, fd, level, name, value, length));
+}
+extern "C" ssize_t send(int fd, const void* data, std::size_t size, int flags) {
+    if ((flags & MSG_DONTWAIT) != 0 && !takes.empty()) {
+        size = std::min(size, takes.front());
+        takes.pop_front();
+    }
+    if (size == 0) {
+        errno = EAGAIN;
+        return -1;
+    }
+    return syscall(SYS_sendto, fd, data, size, flags, nullptr, 0);
 }
 // NOLINTEND(readability-inconsistent-declaration-parameter-name)

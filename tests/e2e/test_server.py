@@ -1,11 +1,16 @@
 """The device's side: what becomes of a datagram, and what viewers of any kind get."""
 
+import contextlib
+import os
 import pathlib
+import pty
 import resource
+import signal
 import socket
+import termios
 
 import pytest
-from support.harness import (PROGRAM, SEND_ALL, WRITE_FILE, RawViewer, await_true, idle, message,
+from support.harness import (PROGRAM, SEND_ALL, WRITE_FILE, RawViewer, Server, await_true, idle, message,
                              send_datagrams, unread)
 
 
@@ -46,7 +51,8 @@ def test_commands_and_what_is_none(server):
 def test_viewers_come_and_go(server):
     """Each that asks gets the whole store; what is logged in between waits there; none leaves a descriptor."""
     server.collect()  # leaves the descriptor that tells the job's end
-    stored, descriptors = b"", server.descriptors()
+    idle(server.process.pid)
+    stored, descriptors = b"", len(server.descriptors())
     for n in range(6):
         with RawViewer() as viewer:
             viewer.send(SEND_ALL)
@@ -57,7 +63,7 @@ def test_viewers_come_and_go(server):
         # A forward to nobody ends nothing, whatever the moment.
         server.collect(*[message("lost", app="ui")] * 5, message("between"))
         stored = viewer.received + message("between")
-    await_true(lambda: server.descriptors() == descriptors, "no viewer leaves a descriptor behind")
+    await_true(lambda: len(server.descriptors()) == descriptors, "no viewer leaves a descriptor behind")
 
 
 def test_one_viewer_at_a_time_and_waiting_costs_nothing(server):
@@ -118,3 +124,45 @@ def test_no_descriptor_is_inherited_by_dump_jobs(server, viewer):
     flags = [pathlib.Path(f"/proc/{server.process.pid}/fdinfo/{fd}").read_text() for fd in server.descriptors()]
     assert len(flags) == 4  # log port, system log, listening socket, viewer
     assert all(int(text.split("flags:")[1].split()[0], 8) & 0o2000000 for text in flags)
+
+
+@pytest.mark.parametrize("how", [signal.SIGINT, signal.SIGKILL])
+def test_server_that_ended_with_a_viewer_connected_starts_again(how):
+    with contextlib.ExitStack() as viewers:
+        for unread_messages in 100, 1, 0:
+            with Server() as server:
+                viewers.enter_context(RawViewer(receive_buffer=4096)).send(SEND_ALL)
+                server.collect(*[message("x" * 4000)] * unread_messages)
+                idle(server.process.pid)  # the dump's shell has ended: until then a SIGINT is not heeded
+                server.stop(how)
+
+
+def stopped_terminal():
+    reader, writer = pty.openpty()
+    termios.tcflow(writer, termios.TCOOFF)
+    return reader, writer, lambda: termios.tcflow(writer, termios.TCOON)
+
+
+def full_pipe():
+    reader, writer = os.pipe()
+    os.set_blocking(writer, False)
+    with contextlib.suppress(BlockingIOError):
+        while True:
+            os.write(writer, bytes(4096))
+    os.set_blocking(writer, True)
+    return reader, writer, lambda: os.read(reader, 1 << 20)
+
+
+@pytest.mark.parametrize("standing_still", [stopped_terminal, full_pipe])
+def test_output_that_stands_still_costs_its_texts_alone(standing_still):
+    reader, writer, resume = standing_still()
+    with Server(preexec_fn=lambda: [os.dup2(writer, fd) for fd in (1, 2)]) as server:
+        RawViewer().socket.close()
+        assert server.collect(message("m")).count(b"\n") == 1
+        assert os.get_blocking(writer)  # for the others who have it
+        resume()
+        idle(server.process.pid)
+        server.stop()
+    text = b""
+    while b"Select error -3148" not in text:
+        text += os.read(reader, 4096)
