@@ -1,5 +1,7 @@
 #pragma once
 
+#include "QELselector.h"
+
 #include <atomic>
 #include <cstdint>
 #include <string>
@@ -22,6 +24,16 @@ static_assert(std::atomic<bool>::is_always_lock_free, "written by a signal handl
 
 /// Signal handler: SIGINT clears appRunning, any other signal does nothing.
 void onSignal(int signalNumber);
+
+/// Gives the standard stream @p fd, if it is a terminal or pipe, an open file description of its
+/// own that takes nothing rather than have its writer wait, without effect on other programs that
+/// share it. There is none to be had for a socket, as a service has it, nor for a pipe of another
+/// user, which are made non-blocking for all; those of a terminal of another user still wait.
+void neverWait(int fd);
+
+/// Has @p dispatcher watch @p fd for reading. @return false, with a line on standard error, if it
+/// is beyond what the dispatcher can watch
+bool watch(QELselector& dispatcher, QELselRcv& receiver, int fd);
 
 /// Collects log datagrams and serves one viewer at a time until SIGINT.
 /// @param address       local IPv4 address, host order, that viewers connect to; log datagrams come

@@ -1,6 +1,8 @@
+#include "HVLoggerEndSignals.h"
 #include "HVLoggerKeyboard.h"
 #include "HVLoggerMediator.h"
 #include "HVLoggerModes.h"
+#include "HVLoggerOutput.h"
 #include "HVLoggerOutputWatch.h"
 #include "HVLoggerTCPsockCli.h"
 #include "HVLoggerTerminalFilter.h"
@@ -9,6 +11,7 @@
 #include "QELselector.h"
 #include "QELsockaddr4.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <iostream>
 #include <optional>
@@ -17,8 +20,11 @@
 
 int runClient(const char* invocationName, std::uint32_t address,
               const std::vector<std::string>& programNames) {
+    HVLoggerEndSignals endSignals; // first: last to go
+    neverWait(STDOUT_FILENO);
+    HVLoggerOutput output(std::cout, STDOUT_FILENO, endSignals.fd());
     std::optional<HVLoggerTerminalFilter> terminalFilter;
-    if (isatty(fileno(stdout)) != 0) {
+    if (isatty(STDOUT_FILENO) != 0) {
         terminalFilter.emplace(std::cout);
     }
     QELselector dispatcher;
@@ -41,28 +47,41 @@ int runClient(const char* invocationName, std::uint32_t address,
     mediator.addComponent(idKeyboard, &keyboard);
     mediator.addComponent(idStore, &store);
 
-    if (tcpClient.connect(serverAddress) != 0) {
-        std::cout << invocationName << ": Cannot connect to server" << std::endl;
-        return 0;
+    if (!watch(dispatcher, endSignals, endSignals.fd()) ||
+        !watch(dispatcher, keyboard, HVLoggerKeyboard::fd())) {
+        return -1;
     }
-
-    dispatcher.addRead(&tcpClient, tcpClient.fd);
-    dispatcher.addRead(&keyboard, HVLoggerKeyboard::fd());
     dispatcher.addRead(&outputWatch, HVLoggerOutputWatch::fd());
-    tcpClient.requestAll();
+    if (tcpClient.fd >= 0 && !watch(dispatcher, tcpClient, tcpClient.fd)) {
+        return -1;
+    }
+    tcpClient.connectTo(serverAddress);
+    keyboard.endHeldBack = true; // until there is a server
 
     for (;;) {
+        if (tcpClient.state == HVLoggerTCPsockCli::stateFailed) {
+            std::cout << invocationName << ": Cannot connect to server" << std::endl;
+            return 0;
+        }
         // What this cycle printed is on the screen before the next one waits.
         if (!std::cout.flush()) {
-            if (HVLoggerOutputWatch::readerHasGone()) {
+            const int error = errno;
+            if (endSignals.haveCome() || HVLoggerOutputWatch::readerHasGone()) {
                 return 0;
             }
+            errno = error;
             std::perror("standard output");
             return -1;
         }
+        if (keyboard.endHeldBack && tcpClient.state == HVLoggerTCPsockCli::stateConnected) {
+            keyboard.endHeldBack = false;
+            dispatcher.addRead(&keyboard, HVLoggerKeyboard::fd());
+        }
         const bool nothingMoreToCome =
             tcpClient.selector == nullptr && keyboard.selector == nullptr;
-        if (keyboard.quitRequested || outputWatch.readerGone || nothingMoreToCome) {
+        const bool hungUp = keyboard.selector == nullptr && HVLoggerOutputWatch::readerHasGone();
+        if (keyboard.quitRequested || endSignals.caught != 0 || outputWatch.readerGone || hungUp ||
+            nothingMoreToCome) {
             return 0;
         }
         const int result = dispatcher.runOnce();

@@ -9,11 +9,8 @@
 
 #include <csignal>
 #include <cstdlib>
-#include <fcntl.h>
 #include <iostream>
-#include <string>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <unistd.h>
 #ifdef __GLIBC__
 #include <malloc.h>
@@ -29,39 +26,11 @@ void onSignal(int signalNumber) {
 
 namespace {
 
-/// Lets a terminal, pipe or socket that takes nothing now cost the text, not the time of those who
-/// log. Terminals and pipes are shared with other programs, which may want to wait: the descriptor
-/// gets an open file description of its own. There is none to be had for a socket, as a service has
-/// it, nor for a pipe of another user; those of a terminal of another user still wait.
-void neverWait(int fd) {
-    struct stat status = {};
-    const int flags = fcntl(fd, F_GETFL);
-    if (flags < 0 || fstat(fd, &status) != 0 || S_ISREG(status.st_mode)) {
-        return; // a file takes everything, where its description stands
-    }
-    const int own = open(("/proc/self/fd/" + std::to_string(fd)).c_str(),
-                         (flags & O_ACCMODE) | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
-    if (own >= 0) {
-        dup2(own, fd);
-        close(own);
-    } else if (isatty(fd) == 0) {
-        fcntl(fd, F_SETFL, flags | O_NONBLOCK);
-    }
-}
-
 /// Says one line on standard output, also after one that could not be written.
 template <class... Part>
 void say(const Part&... parts) {
     std::cout.clear();
     (std::cout << ... << parts) << std::endl;
-}
-
-bool watch(QELselector& dispatcher, QELselRcv& receiver, int fd) {
-    if (dispatcher.addRead(&receiver, fd)) {
-        return true;
-    }
-    std::cerr << "Cannot watch descriptor " << fd << ": too many are open" << std::endl;
-    return false;
 }
 
 } // namespace
@@ -73,6 +42,8 @@ int runServer(std::uint32_t address, const std::vector<std::string>& programName
     constexpr int mappedFrom = 0x20000;
     mallopt(M_MMAP_THRESHOLD, mappedFrom);
 #endif
+    // A terminal, pipe or socket that takes nothing now costs the text, not the time of those who
+    // log.
     neverWait(STDOUT_FILENO);
     neverWait(STDERR_FILENO);
     say("***** Halvane logger *****");

@@ -99,6 +99,10 @@ void HVLoggerKeyboard::printHelp() {
 
 bool HVLoggerKeyboard::onReady(std::int64_t /*nowUs*/) {
     const int key = readKey();
+    if (inputEnded && endHeldBack) {
+        selRemoveRead();
+        return true;
+    }
     switch (key) {
     case '?':
         printHelp();

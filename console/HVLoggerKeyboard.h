@@ -19,6 +19,7 @@ class HVLoggerKeyboard : public QELselRcv {
   public:
     bool escapePending = false;      ///< a "[" was read: the next byte is discarded
     bool quitRequested = false;      ///< the key 'q' was read
+    bool endHeldBack = false;        ///< that standard input has ended is not told yet
     QELmediator* mediator = nullptr; ///< not owned
     termios savedTermios{};          ///< the terminal's settings before this keyboard
 
@@ -42,7 +43,7 @@ class HVLoggerKeyboard : public QELselRcv {
 
     /// Reads one key and acts on it. When standard input has ended or failed, one hyphen line is
     /// printed as for any key without a meaning and the keyboard detaches itself from the
-    /// dispatcher. Always true.
+    /// dispatcher; only the latter while endHeldBack is set. Always true.
     bool onReady(std::int64_t nowUs) override;
 
   private:

@@ -48,7 +48,6 @@ std::string HVLoggerReassembly::take(std::string_view batch, const Link& link, s
     }
     silenceUs = std::clamp(std::max(link.roundTripUs * 5 / 2, pauseUs * 2), shortestSilenceUs,
                            longestSilenceUs);
-    outOfOrder = link.outOfOrder;
 
     // A header may begin in what is kept and end in the batch.
     const std::size_t searched = kept.size() - std::min(kept.size(), longestHeader);
@@ -79,12 +78,12 @@ std::int64_t HVLoggerReassembly::dueUs() const {
     return kept.empty() ? 0 : due;
 }
 
-bool HVLoggerReassembly::isDue(const Link& link, std::int64_t nowUs) {
-    const bool missing = link.outOfOrder != outOfOrder && nowUs - quietSinceUs < longestRepairUs;
-    if (missing) {
-        due = nowUs + silenceUs;
+bool HVLoggerReassembly::isDue(bool missing, std::int64_t nowUs) {
+    if (!missing || nowUs - quietSinceUs >= longestRepairUs) {
+        return true;
     }
-    return !missing;
+    due = nowUs + silenceUs;
+    return false;
 }
 
 std::string HVLoggerReassembly::release() {

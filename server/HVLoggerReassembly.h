@@ -15,7 +15,7 @@
 ///   - a batch that begins with a header; one that does not is the next piece of what is kept;
 ///   - the end of the connection;
 ///   - a silence longer than the link may pause within a message: two and a half round trips, or
-///     twice the longest pause seen lately, 16 to 300 ms; longer while something is known to be on
+///     twice the longest pause seen lately, 15 to 300 ms; longer while something is known to be on
 ///     its way.
 class HVLoggerReassembly {
   public:
@@ -23,13 +23,12 @@ class HVLoggerReassembly {
     struct Link {
         std::size_t segment = 0;      ///< size of the segments that arrive, as far as is known
         std::int64_t roundTripUs = 0; ///< smoothed round-trip time
-        std::uint32_t outOfOrder = 0; ///< segments so far that arrived before one that was missing
     };
 
     /// A segment of 1,500 bytes takes 12 ms at 1 Mbit/s.
-    static constexpr std::int64_t shortestSilenceUs = 16'000;
+    static constexpr std::int64_t shortestSilenceUs = 15'000;
     static constexpr std::int64_t longestSilenceUs = 300'000;
-    /// The longest silence behind which a missing segment is still expected.
+    /// For so long a segment that is known to be missing is waited for.
     static constexpr std::int64_t longestRepairUs = 3'000'000;
     /// More than this is no message: it is handed over, whole or not.
     static constexpr std::size_t keptLimit = 0x10000;
@@ -46,8 +45,10 @@ class HVLoggerReassembly {
     /// When what is kept counts as whole unless more has come, on nowUs' clock; 0: nothing is kept.
     [[nodiscard]] std::int64_t dueUs() const;
 
-    /// To be asked at dueUs(). @return false if a segment is known to be missing: dueUs() is later
-    bool isDue(const Link& link, std::int64_t nowUs);
+    /// To be asked at dueUs().
+    /// @param missing  whether something has arrived behind what is still on its way
+    /// @return false if there is more to wait for: dueUs() is later then
+    bool isDue(bool missing, std::int64_t nowUs);
 
     /// Gives out what is kept.
     std::string release();
@@ -60,6 +61,5 @@ class HVLoggerReassembly {
     std::int64_t silenceUs = 0; // that counts as the end of a message
     std::int64_t pauseUs = 0;   // the longest within a message, lately
     std::int64_t quietSinceUs = 0;
-    std::int64_t due = 0;         // meaningful while something is kept
-    std::uint32_t outOfOrder = 0; // as of the last batch
+    std::int64_t due = 0; // meaningful while something is kept
 };

@@ -3,7 +3,19 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdio>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
+
+namespace {
+
+// A silent peer is asked for a sign of life after 15 s, then every 10 s, and given up after the
+// fourth time: within 60 s of silence (tcp(7)).
+constexpr int keepAliveIdleSeconds = 15;
+constexpr int keepAliveIntervalSeconds = 10;
+constexpr int keepAliveProbes = 4;
+
+} // namespace
 
 HVLoggerTCPsock::HVLoggerTCPsock(QELmediator* notified) : mediator(notified) {}
 
@@ -37,4 +49,15 @@ int HVLoggerTCPsock::receiveData(void* buffer, int length) {
         return -2;
     }
     return static_cast<int>(received);
+}
+
+void HVLoggerTCPsock::keepAlive(int connection) {
+    const auto set = [connection](int level, int option, int value) {
+        // Can only fail on what is no TCP connection.
+        static_cast<void>(::setsockopt(connection, level, option, &value, sizeof value));
+    };
+    set(SOL_SOCKET, SO_KEEPALIVE, 1);
+    set(IPPROTO_TCP, TCP_KEEPIDLE, keepAliveIdleSeconds);
+    set(IPPROTO_TCP, TCP_KEEPINTVL, keepAliveIntervalSeconds);
+    set(IPPROTO_TCP, TCP_KEEPCNT, keepAliveProbes);
 }

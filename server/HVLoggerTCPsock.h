@@ -40,4 +40,8 @@ class HVLoggerTCPsock : public QELsockCONN, public QELselRcv {
     /// @return bytes received; 0 when the peer has closed and -2 when the call fails, both with a
     ///         report on standard error; -1 without an open socket, for null or a length below 1
     int receiveData(void* buffer, int length);
+
+    /// Has the system find out within a minute that the peer of @p connection has vanished, while
+    /// nothing is on its way to it.
+    static void keepAlive(int connection);
 };

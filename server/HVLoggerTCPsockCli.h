@@ -3,13 +3,16 @@
 #include "HVLoggerReassembly.h"
 #include "HVLoggerTCPsock.h"
 #include "QELselTimer.h"
+#include "QELsocka.h"
 
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <string_view>
 
-/// The viewer's end of the connection: owns its socket, which the owner connects, and hands what
-/// the server sends to the viewer's message store. There is no reconnection.
+/// The viewer's end of the connection: owns its socket, connects it, and hands what the server
+/// sends to the viewer's message store. There is no reconnection. A server that has vanished is
+/// noticed within a minute.
 ///
 /// The store cuts each text into messages on its own, so what may be only the beginning of a
 /// message is kept (HVLoggerReassembly) until the rest is there, the server has gone, or a timer
@@ -20,21 +23,46 @@ class HVLoggerTCPsockCli : public HVLoggerTCPsock {
     /// What is read at once, at most: keys act in between.
     static constexpr std::size_t batchLimit = 0x10000;
 
+    /// Values of `state`.
+    enum State : int {
+        stateConnected,  ///< or connected by the owner
+        stateConnecting, ///< nothing can be asked for yet
+        stateFailed      ///< there is no server
+    };
+
+    int state = stateConnected;
+
     using HVLoggerTCPsock::HVLoggerTCPsock;
+
+    /// Begins to connect the socket, without waiting for it; a dispatcher must be watching the
+    /// socket for reading. Once it is connected, everything is asked for.
+    void connectTo(const QELsocka& server);
 
     /// Reads a batch and hands what is whole to the store. @return false when the server has gone
     /// or the read failed: nothing more will come
     bool onReady(std::int64_t nowUs) override;
 
-    /// Asks the server for all its messages. @return sendData()'s result
+    /// Asks the server for all its messages; does nothing before there is one. @return sendData()'s
+    /// result, or 0
     int requestAll();
 
-    /// Has the server write its dump file. @return sendData()'s result
+    /// Has the server write its dump file; does nothing before there is one. @return as
+    /// requestAll()
     int requestDump();
 
     std::string lastText; ///< what the store was given last
 
   private:
+    /// Learns that the connection stands, or that it does not.
+    class Connector : public QELselRcv {
+      public:
+        explicit Connector(HVLoggerTCPsockCli& client) : owner(client) {}
+        bool onReady(std::int64_t nowUs) override;
+
+      private:
+        HVLoggerTCPsockCli& owner;
+    };
+
     /// Hands over what is kept when nothing more has come.
     class Silence : public QELselTimer {
       public:
@@ -47,8 +75,10 @@ class HVLoggerTCPsockCli : public HVLoggerTCPsock {
 
     void handOver(std::string text);
     [[nodiscard]] HVLoggerReassembly::Link link() const;
-    int sendCommand(Command command);
+    [[nodiscard]] bool segmentMissing() const;
+    int request(Command command, std::string_view report);
 
     HVLoggerReassembly reassembly;
     Silence silence{*this};
+    Connector connector{*this};
 };

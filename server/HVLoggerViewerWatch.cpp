@@ -1,5 +1,6 @@
 #include "HVLoggerViewerWatch.h"
 
+#include "HVLoggerTCPsock.h"
 #include "QELselector.h"
 
 #include <netinet/in.h>
@@ -8,12 +9,6 @@
 #include <utility>
 
 namespace {
-
-// A silent viewer is asked for a sign of life after 15 s, then every 10 s, and given up after the
-// fourth time: within 60 s of silence (tcp(7)).
-constexpr int keepAliveIdleSeconds = 15;
-constexpr int keepAliveIntervalSeconds = 10;
-constexpr int keepAliveProbes = 4;
 
 constexpr std::uint64_t lookIntervalUs = 10'000'000;
 /// A viewer that has acknowledged nothing for so long is given up ...
@@ -34,10 +29,7 @@ HVLoggerViewerWatch::HVLoggerViewerWatch(std::function<void()> whenVanished)
 
 void HVLoggerViewerWatch::start(int descriptor, QELselector* dispatcher) {
     connection = descriptor;
-    set(connection, SOL_SOCKET, SO_KEEPALIVE, 1);
-    set(connection, IPPROTO_TCP, TCP_KEEPIDLE, keepAliveIdleSeconds);
-    set(connection, IPPROTO_TCP, TCP_KEEPINTVL, keepAliveIntervalSeconds);
-    set(connection, IPPROTO_TCP, TCP_KEEPCNT, keepAliveProbes);
+    HVLoggerTCPsock::keepAlive(connection);
     if (dispatcher != nullptr) {
         dispatcher->setTimer(this,
                              static_cast<std::uint64_t>(QELselector::nowUs()) + lookIntervalUs);

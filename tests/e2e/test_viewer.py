@@ -1,15 +1,19 @@
 """The desk's side: the real client on a real terminal, exact bytes, keys, endings."""
 
 import contextlib
+import fcntl
 import os
+import re
+import signal
 import socket
 import struct
 import subprocess
+import sys
 import termios
 
 import pytest
-from support.harness import (DEADLINE, HYPHENS, PROGRAM, Viewer, expect_stream, idle, message, send_datagrams, shown,
-                             wait_for_dump)
+from support.harness import (DEADLINE, HYPHENS, PORT, PROGRAM, Viewer, await_true, expect_stream, idle, message,
+                             send_datagrams, shown, sockets, wait_for_dump)
 
 HELP = b"".join(line + b"\r\n" for line in b"""Key Commands:
  ?   : Print this help text
@@ -207,3 +211,67 @@ def test_full_disk_under_the_output(fake_server):
         fake_server.accept()
         assert (viewer.wait(), viewer.settings()) == (255, viewer.before)
         assert viewer.rest() == b"standard output: No space left on device\n"
+
+
+@pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGHUP, signal.SIGINT, signal.SIGQUIT])
+def test_a_signal_puts_the_terminal_back_and_still_ends_the_viewer(fake_server, number):
+    with Viewer() as viewer:
+        fake_server.accept()
+        viewer.expect(viewer.GREETING)
+        viewer.process.send_signal(number)
+        assert (viewer.wait(), viewer.settings()) == (-number, viewer.before)
+    reading, writing = os.pipe()  # and while an output that nobody reads is full
+    with Viewer(stdout=writing) as viewer:
+        fake_server.accept()
+        fake_server.connection.sendall(message("x" * 4000) * 100)
+        os.close(writing)
+        await_true(lambda: struct.unpack("i", fcntl.ioctl(reading, termios.FIONREAD, bytes(4)))[0] > 32768, "a full pipe")
+        viewer.process.send_signal(number)
+        assert (viewer.wait(), viewer.settings()) == (-number, viewer.before)
+    os.close(reading)
+
+
+@pytest.fixture
+def silent_host():
+    """A socket that answers nobody until the first in its queue is accepted."""
+    with socket.socket() as host, socket.socket() as first:
+        host.bind(("127.0.0.1", PORT))
+        host.listen(0)
+        first.connect(("127.0.0.1", PORT))
+        yield host
+
+
+def test_keys_act_while_a_host_does_not_answer(silent_host):
+    with Viewer() as viewer:
+        await_true(lambda: viewer.settings() != viewer.before, "the keyboard is there")
+        viewer.press(b"?", HELP)
+        viewer.press(b"AFi", b"------ sip enabled\r\n")
+        assert (viewer.quit(), viewer.rest()) == (0, b"")
+
+
+def test_end_of_input_does_not_end_the_attempt(silent_host):
+    with plain_viewer(subprocess.DEVNULL) as (process, read):
+        await_true(lambda: any(row[2:4] == (PORT, "02") for row in sockets("tcp")), "the viewer connects")
+        idle(process.pid)
+        silent_host.accept()[0].close()
+        with silent_host.accept()[0]:
+            expect_stream(read, Viewer.GREETING + HYPHENS)
+
+
+def test_goes_on_on_a_terminal_that_another_program_made_non_blocking(fake_server):
+    texts = [f"{n:06} {'.' * 90}" for n in range(5000)]
+    with Viewer() as viewer:
+        os.set_blocking(viewer.slave, False)
+        fake_server.accept()
+        fake_server.connection.sendall(b"".join(map(message, texts)))
+        viewer.expect(viewer.GREETING + b"".join(map(shown, texts)))
+        viewer.press(b"i", b"------ sip enabled\r\n")
+        assert viewer.quit() == 0
+
+
+def test_a_descriptor_that_cannot_be_watched_is_told(fake_server):
+    below = "import os, resource, sys; resource.setrlimit(resource.RLIMIT_NOFILE, (1100, 1100)); " \
+            "[os.set_inheritable(os.dup(0), True) for _ in range(1050)]; os.execv(sys.argv[1], sys.argv[1:])"
+    result = subprocess.run([sys.executable, "-c", below, PROGRAM, "client"], stdin=subprocess.DEVNULL, capture_output=True)
+    assert (result.returncode, result.stdout) == (255, b"")
+    assert re.fullmatch(rb"Cannot watch descriptor \d+: too many are open\n", result.stderr)
