@@ -32,10 +32,11 @@ esac
 shift
 
 . scripts/packages.sh
-install_missing g++ cmake ninja-build libbenchmark-dev gzip util-linux iproute2 python3
+install_missing g++ cmake ninja-build libbenchmark-dev gzip util-linux iproute2 python3 python3-pexpect
 case $name in
 compare) peers ;;
 viewer) install_missing rsyslog ;;
+reliability) install_missing rsyslog rsyslog-relp ;;
 instructions) install_missing valgrind ;;
 esac
 cmake --preset bench >/dev/null
