@@ -51,7 +51,7 @@ else
 fi
 
 step "What ships: the show, in one static file"
-build release
+build release all -D CMAKE_COMPILE_WARNING_AS_ERROR=ON
 scripts/run.sh </dev/null
 build static hvlogger
 
