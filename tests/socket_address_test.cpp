@@ -4,12 +4,10 @@
 
 #include <gtest/gtest.h>
 
-#include <arpa/inet.h>
 #include <array>
 #include <cstring>
 #include <memory>
 #include <string>
-#include <unistd.h>
 #include <vector>
 
 namespace {
@@ -85,42 +83,25 @@ TEST(SocketAddress4, PrivateNetworksEndAtTheirBounds) {
     }
 }
 
-TEST(SocketAddressUnix, LengthAndTextSurviveARawCopyAndTheSystem) {
-    const std::string file = testing::TempDir() + "hv" + std::to_string(getpid());
-    const std::string name = "*hvlogger-test-" + std::to_string(getpid());
-    const std::string longName = name + std::string(200, 'n');
+TEST(SocketAddressUnix, LengthAndTextSurviveARawCopy) {
+    QELsockaddrUNX address, copy;
     for (const auto& [path, length, text] :
-         {std::tuple<std::string, std::size_t, std::string>{"", 0, ""},
-          {"*", 4, "*"}, // an abstract name without characters: only its length tells
+         {std::tuple<std::string, std::size_t, std::string>{"/dev/log", 11, "/dev/log"},
+          {"*name", 8, "*name"},
           {std::string(106, 'p'), 109, std::string(106, 'p')},
           {std::string(200, 'p'), 110, std::string(107, 'p')},
-          {file, file.size() + 3, file},
-          {name, name.size() + 3, name},
-          {longName, 110, longName.substr(0, 107)}}) {
-        QELsockaddrUNX address;
-        address.set("/before");
+          {'*' + std::string(200, 'n'), 110, '*' + std::string(106, 'n')},
+          {"", 0, ""}}) {
         address.set(path.c_str());
-        EXPECT_EQ(address.toString(), text);
-        EXPECT_EQ(address.saLen(), length) << path;
-        if (path == file || path.starts_with(name)) {
-            const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-            EXPECT_EQ(bind(fd, address.sa(), address.saLen()), 0) << path;
-            QELsockaddrUNX copy;
-            EXPECT_TRUE(copy.set(*address.sa()));
-            EXPECT_EQ(copy.saLen(), length) << path;
-            sockaddr_storage raw{};
-            socklen_t rawLen = sizeof raw;
-            EXPECT_EQ(getsockname(fd, reinterpret_cast<sockaddr*>(&raw), &rawLen), 0);
-            close(fd);
-            QELsockaddr bound;
-            bound.set(raw, rawLen);
-            EXPECT_EQ(bound.saLen(), length);
-            EXPECT_EQ(bound.toString(true), text);
+        EXPECT_TRUE(copy.set(*address.sa()));
+        for (const QELsockaddrUNX& each : {address, copy}) {
+            EXPECT_EQ(each.toString(), text);
+            EXPECT_EQ(each.saLen(), length) << path;
         }
     }
-    unlink(file.c_str());
-    QELsockaddrUNX address;
-    address.set("/before");
+    address.set("*"); // an abstract name without characters: only its length tells
+    EXPECT_EQ(address.saLen(), 4U);
+    EXPECT_EQ(address.toString(), "*");
     address.set(nullptr);
     EXPECT_EQ(address.saLen(), 0U);
 }
@@ -162,10 +143,6 @@ TEST(SocketAddress, OrderIsTotalOverAllKinds) {
                 << sample[i].toString(true) << " and " << sample[j].toString(true);
         }
     }
-    reinterpret_cast<char*>(&other)[sizeof other - 1] = 1; // the same family, other contents
-    QELsockaddr last;
-    last.set(other);
-    EXPECT_EQ(sample.back().compare(last), 0);
 }
 
 TEST(SocketAddress, TakesAnyOtherAndNoMoreThanFits) {
