@@ -163,13 +163,12 @@ void QELselector::remove(Entries& entries, const QELselRcv* receiver) {
     }
 }
 
+/// For a receiver that goes or is about to be registered elsewhere: leaves its links as they are.
 void QELselector::forget(QELselRcv& receiver) {
     for (Entries* entries : {&writeEntries, &readEntries, &exceptEntries}) {
         std::erase_if(*entries, [&](const auto& entry) { return entry.second == &receiver; });
     }
     std::erase(receivers, &receiver);
-    receiver.selector = nullptr;
-    receiver.registeredWith = nullptr;
 }
 
 /// Also drops the cancelled timers. Returns 0 when no timer is armed.
