@@ -227,12 +227,30 @@ def systems(before, folder):
                      environment={"LD_LIBRARY_PATH": str(unpacked / "lib/syslog-ng")})
 
 
-def main():
-    parser = argparse.ArgumentParser(prog="bench/run.sh compare", description=__doc__.split("\n\n")[0])
+def options(description):
+    parser = argparse.ArgumentParser(prog="bench/run.sh", description=description.split("\n\n")[0])
     parser.add_argument("--rounds", type=int, default=3)
-    parser.add_argument("--json", type=pathlib.Path)
-    parser.add_argument("--only", default="", help="measure only rows whose name contains this")
+    parser.add_argument("--json", type=pathlib.Path, help="write medians and rounds to this file")
     parser.add_argument("--before", help="another build of hvlogger, for a column of its own")
+    return parser
+
+
+def report(values, arguments):
+    """Prints the medians of {row: {column: [a value a round]}} as a table."""
+    columns = list(dict.fromkeys(column for row in values.values() for column in row))
+    medians = {name: {column: statistics.median(row.get(column, [math.nan])) for column in columns}
+               for name, row in values.items()}
+    print(f"{f'medians of {arguments.rounds}':42}" + "".join(f"{column:>17}" for column in columns))
+    for name, row in medians.items():
+        cells = (f"{value:,.1f} ({row['hvlogger'] / value if value else math.nan:.2f})" for value in row.values())
+        print(f"{name:42}" + "".join(f"{cell:>17}" for cell in cells))
+    if arguments.json:
+        arguments.json.write_text(json.dumps({"medians": medians, "rounds": values}, indent=1))
+
+
+def main():
+    parser = options(__doc__)
+    parser.add_argument("--only", default="", help="measure only rows whose name contains this")
     arguments = parser.parse_args()
     rows = [row for row in ROWS if any(arguments.only in name for name in row[0])]
     values = {name: {} for names, _ in rows for name in names}
@@ -250,14 +268,7 @@ def main():
                     for name, value in zip(names, measured):
                         values[name].setdefault(system.name, []).append(value)
 
-    medians = {name: {system.name: statistics.median(row.get(system.name, [math.nan])) for system in compared}
-               for name, row in values.items()}
-    print(f"{f'medians of {arguments.rounds}':42}" + "".join(f"{system.name:>17}" for system in compared))
-    for name, row in medians.items():
-        cells = (f"{value:,.1f} ({row['hvlogger'] / value if value else math.nan:.2f})" for value in row.values())
-        print(f"{name:42}" + "".join(f"{cell:>17}" for cell in cells))
-    if arguments.json:
-        arguments.json.write_text(json.dumps({"medians": medians, "rounds": values}, indent=1))
+    report(values, arguments)
 
 
 if __name__ == "__main__":

@@ -165,11 +165,11 @@ class LogDevice(Entered):
 class Server(Entered):
     """`hvlogger server` in a directory of its own."""
 
-    def __init__(self, *arguments, **popen):
+    def __init__(self, *arguments, program=PROGRAM, **popen):
         self.directory = tempfile.TemporaryDirectory()
         self.output_path = pathlib.Path(self.directory.name, "output")
         with open(self.output_path, "wb") as output:
-            self.process = subprocess.Popen([PROGRAM, "server", *arguments], cwd=self.directory.name,
+            self.process = subprocess.Popen([program, "server", *arguments], cwd=self.directory.name,
                                             stdin=subprocess.DEVNULL, stdout=output, stderr=output, **popen)
         await_true(lambda: listening() or self.process.poll() is not None, "server starts")
 
