@@ -41,7 +41,6 @@ void HVLoggerLocalLog::pass(const std::string& text, const std::string& identity
     }
 }
 
-/// Texts count up to their first NUL, as for syslog(3).
 void HVLoggerLocalLog::compose(const std::string& text, const std::string& identity, int priority) {
     const std::time_t now = std::time(nullptr);
     if (now != timeTextOf) {
@@ -58,9 +57,9 @@ void HVLoggerLocalLog::compose(const std::string& text, const std::string& ident
     record += std::to_string(hasFacility ? priority : priority | LOG_USER);
     record += '>';
     record += timeText;
-    record += identity.c_str();
+    record += identity;
     record += processId;
-    record += text.c_str();
+    record += text;
 }
 
 /// Connecting again costs little, and finds the name's socket whatever became of the last one.

@@ -37,7 +37,8 @@ class HVLoggerLocalLog {
     ///                   this object, which connects its socket, and now and then makes it anew
     explicit HVLoggerLocalLog(QELlogger5_DEV& logSender);
 
-    /// Passes one line on, or skips it. Text, identity and priority are those of syslogRaw().
+    /// Passes one line on, or skips it. Text and identity hold no NUL.
+    /// @param priority  as of syslogRaw(), without bits beyond facility and severity
     void pass(const std::string& text, const std::string& identity, int priority);
 
   private:

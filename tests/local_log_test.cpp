@@ -100,7 +100,7 @@ TEST_F(LogServer, LocalLogGetsTheRecordsThatTheCLibraryWrites) {
     expectSame("1 t d  4 5 - " + largest, LOG_USER | LOG_NOTICE, "", largest);
     expectSame("hello", LOG_USER | LOG_NOTICE, "", "");
     expectSame("<134>Mar  5 10:20:30 dev01 app: a - b\n", 134, "10:20:30", "b");
-    expectSame(std::string("<14>1 t d sip 4 - before\0after", 31), 14, "sip", "before");
+    expectSame(std::string("<14>1 t d sip 4 - before\0after", 30), 14, "sip", "before");
     expectSame("<11>1 t d sip 4 - one<15>1 t d ui 5 - two", 11, "sip", "one<15>1 t d ui 5 - two");
 
     QELlogger5_DEV::syslogRaw("text", "sip", 1024 | LOG_INFO); // passed on whole: a complaint first
