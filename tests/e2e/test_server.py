@@ -5,6 +5,7 @@ import os
 import pathlib
 import pty
 import resource
+import select
 import signal
 import socket
 import termios
@@ -163,6 +164,6 @@ def test_output_that_stands_still_costs_its_texts_alone(standing_still):
         resume()
         idle(server.process.pid)
         server.stop()
-    text = b""
-    while b"Select error -3148" not in text:
-        text += os.read(reader, 4096)
+    texts = []
+    await_true(lambda: select.select([reader], [], [], 0)[0] and
+               (texts.append(os.read(reader, 4096)) or b"Select error -3148" in b"".join(texts)), "later texts appear")
