@@ -14,7 +14,7 @@ cd "$source"
 quietly sh -c "cmake --preset release && cmake --build --preset release"
 for times in first second; do quietly cpack --preset release -B "$work/$times"; done
 quietly diff -r --exclude=_CPack_Packages "$work/first" "$work/second"
-! command -v lintian ||
+! command -v lintian >/dev/null ||
     quietly lintian --fail-on error,warning --suppress-tags no-copyright-file "$work"/first/*.deb
 
 echo "Contents"
@@ -41,7 +41,7 @@ cd "$root/usr/share/doc/hvlogger/docs"
 for link in $(sed -n 's/.*](\([^)]*\)).*/\1/p' ./*.md); do
     [ -e "$link" ] || fail "documents link to $link, which is not in the package"
 done
-if command -v systemd-analyze; then
+if command -v systemd-analyze >/dev/null; then
     unit=$work/hvlogger.service # with the program at its place
     sed -e "s|^ExecStart=hvlogger|ExecStart=$root/usr/bin/hvlogger|" -e /^Documentation/d \
         "$root/usr/lib/systemd/system/hvlogger.service" >"$unit"
