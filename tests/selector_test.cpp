@@ -127,6 +127,7 @@ TEST_F(Dispatch, WhatACallbackDoesToReceiversHoldsInTheSameCycle) {
              {[&] { return elsewhere.addRead(b.get(), fds[3]); }, "ac.", "ac.", "a c "},
              {[&] { return read(c, 1); }, "acc.", "acc.", "abc "},
              {[&] { return !read(b, 0); }, "abc.", "bc.", "a c "},
+             {[&] { return a->selRemoveRead(), read(d, 3), !read(b, 0); }, "abc.", "bcd.", "  cd"},
              {[&] { return b->selRemoveRead(), read(b, 1); }, "abc.", "abc.", "abc "},
              {[&] { return read(d, 3); }, "abc.", "abcd.", "abcd"},
              {[&] { return selector.addWrite(d.get(), fds[0]); }, "abc.", "dabc.", "abcd"},
@@ -162,8 +163,11 @@ TEST_F(Dispatch, AReceiverHasOneLinkForAllItsEntries) {
         EXPECT_EQ(selector.cycle(), "rr.");
         (elsewhere.*one.add)(&receiver, fds[0]); // takes it off altogether
         EXPECT_EQ(selector.cycle() + elsewhere.cycle(), ".r.");
-        (selector.*one.add)(&receiver, fds[0]);
-    } // destroyed while it has an entry
+        for (const Condition& each : conditions) {
+            (selector.*each.add)(&receiver, fds[0]);
+        }
+        (receiver.*one.selRemove)();
+    } // destroyed while it has entries but no link
     EXPECT_EQ(selector.cycle(), ".");
 }
 

@@ -95,13 +95,13 @@ TEST_F(Socket, EveryOperationTellsWhyItDidNothing) {
         }
     };
     testing::internal::CaptureStdout();
-    for (const auto& [at, length, code] : {std::tuple{data, 4U, -2897},
-                                           {data, 0U, -2899},
-                                           {static_cast<char*>(nullptr), 4U, -2899}}) {
-        check({{[&] { return none.send(at, length); }, code, 0},
-               {[&] { return none.sendTo(at, length, taken); }, code, 0},
-               {[&] { return none.recv(at, length, 0); }, code, 0},
-               {[&] { return none.recvFrom(at, length, 0, stamp); }, code, 0}});
+    using Memory = std::pair<char*, unsigned>;
+    for (const Memory& to : {Memory(data, 4), Memory(data, 0), Memory(nullptr, 4)}) {
+        const std::int32_t code = to == Memory(data, 4) ? -2897 : -2899;
+        check({{[&] { return none.send(to.first, to.second); }, code, 0},
+               {[&] { return none.sendTo(to.first, to.second, taken); }, code, 0},
+               {[&] { return none.recv(to.first, to.second, 0); }, code, 0},
+               {[&] { return none.recvFrom(to.first, to.second, 0, stamp); }, code, 0}});
     }
     EXPECT_EQ(stamp, 7);
     check({{[&] { return none.QELsockBase::bind(taken); }, -2897, 0},
