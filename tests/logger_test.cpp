@@ -42,9 +42,9 @@ TEST(Formatters, WriteEveryFieldByteForByte) {
              {UINT64_MAX, -1, "<-1>1 586155-01-19T08:01:49.551Z ",
               "<-1>Jan 19 08:01:49 a b 551"}}) {
         EXPECT_EQ(QELlogger5_5424::formatAt(time, severity, "", "sip", text),
-                  by5424 + (" sip " + ownId + " - " + text));
+                  std::string(by5424).append(" sip ").append(ownId).append(" - ").append(text));
         EXPECT_EQ(QELlogger5_3164::formatAt(time, severity, "a b", "sip", text),
-                  by3164 + (" sip: " + text));
+                  std::string(by3164).append(" sip: ").append(text));
     }
 }
 
@@ -53,23 +53,21 @@ TEST(Formatters, CutEveryLineAboveTheLimitAndNoOther) {
     for (int n = 0; digits.size() < 3'000; ++n) {
         digits += std::to_string(n);
     }
-    const auto check = [](std::size_t limit, std::string expected, const std::string& line) {
-        if (expected.size() > limit) {
-            expected = expected.substr(0, limit - 3) + "...";
-        }
-        ASSERT_EQ(line, expected);
+    const auto cut = [](const std::string& line, std::size_t limit) {
+        return line.size() > limit ? line.substr(0, limit - 3) + "..." : line;
+    };
+    const auto check = [&](const std::string& host, const std::string& app, const auto& text) {
+        ASSERT_EQ(
+            QELlogger5_5424::formatAt(0, sevInfo, host, app, text),
+            cut("<14>1 1601-01-01T00:00:00.000Z " + host + ' ' + app + ' ' + ownId + " - " + text,
+                480));
+        ASSERT_EQ(QELlogger5_3164::formatAt(0, sevInfo, host, app, text),
+                  cut("<14>Jan  1 00:00:00 " + host + " 000 " + app + ": " + text, 1024));
     };
     for (std::size_t length = 0; length < 2'100; ++length) {
-        for (std::size_t varied = 0; varied < 3; ++varied) {
-            std::array<std::string, 3> parts = {"dev01", "sip", "Call setup done"};
-            parts[varied] = digits.substr(0, length);
-            const auto& [host, app, text] = parts;
-            check(480,
-                  "<14>1 1601-01-01T00:00:00.000Z " + host + ' ' + app + ' ' + ownId + " - " + text,
-                  QELlogger5_5424::formatAt(0, sevInfo, host, app, text));
-            check(1024, "<14>Jan  1 00:00:00 " + host + " 000 " + app + ": " + text,
-                  QELlogger5_3164::formatAt(0, sevInfo, host, app, text));
-        }
+        check(digits.substr(0, length), "sip", "Call setup done"s);
+        check("dev01", digits.substr(0, length), "Call setup done"s);
+        check("dev01", "sip", digits.substr(0, length));
     }
 }
 
