@@ -14,28 +14,10 @@ import pytest
 from support.harness import (DEADLINE, HYPHENS, PORT, PROGRAM, Viewer, await_true, expect_stream, idle, message,
                              send_datagrams, shown, sockets, wait_for_dump)
 
-HELP = b"".join(line + b"\r\n" for line in b"""Key Commands:
- ?   : Print this help text
- q   : Quit the application
- +/- : Enable/disable all logs.
- c/C : Enable/disable 'kelvo' logs.
- s/S : Enable/disable 'mantle' logs.
- w/W : Enable/disable 'websock' logs.
- l/L : Enable/disable 'rvtp' logs.
- u/U : Enable/disable 'ui' logs.
- h/H : Enable/disable 'hardware' logs.
- p/P : Enable/disable 'pots' logs.
- i/I : Enable/disable 'sip' logs.
- e/E : Enable/disable 'shell' logs.
- v/V : Enable/disable 'tembrix' logs.
- m/M : Enable/disable 'mibAgent' SNMP agent logs.
- d/D : Enable/disable 'frontp' display logs.
- a   : Reprint all messages
- 0-7 : Enable printout of messages with severity level higher than the
-       specified number (0 = prints everything, def = 6 = sevInfo).
- A   : Reprint all messages ??
- f   : Write all messages to file './logger.txt'
- F   : Trigger server to write all messages to file './logger.txt'""".split(b"\n"))
+def expect_help(viewer):
+    viewer.keys(b"?")
+    lines = viewer.read_until(b" F   : Trigger server to write all messages to file './logger.txt'\r\n").split(b"\r\n")
+    assert (lines[0], len(lines)) == (b"Key Commands:", 23)
 
 
 def expect_raw(viewer):
@@ -53,7 +35,7 @@ def test_every_key_prints_what_it_should(server, tmp_path):
     with Viewer(cwd=tmp_path) as viewer:
         viewer.expect(viewer.GREETING + shown("stored") + shown(**debug))
         expect_raw(viewer)
-        viewer.press(b"?", HELP)
+        expect_help(viewer)
         for key, name in {b"i": b"sip", b"n": b"nmos", b"r": b"router", b"s": b"sap"}.items():
             viewer.press(key.upper(), b"------ " + name + b" disabled\r\n")
             viewer.press(key, b"------ " + name + b" enabled\r\n")
@@ -88,32 +70,13 @@ def test_every_key_prints_what_it_should(server, tmp_path):
         assert (viewer.quit(), viewer.rest()) == (0, b"")
 
 
-def test_a_whole_store_arrives(fake_server, terminal_viewer):
-    """1 MiB of messages in one listing: the screen shows every one, in order."""
-    texts = [f"{n:06} {'.' * (n % 90)}" for n in range(9000)]
-    fake_server.accept()
-    fake_server.connection.sendall(b"".join(map(message, texts)))
-    screen = terminal_viewer.read_until(texts[-1].encode() + b"\r\n")
-    # A batch may end, and cut a message, where the stream pauses: nearly all are whole, none is out of order.
-    wanted = {shown(text)[:-2]: n for n, text in enumerate(texts)}
-    order = [wanted[line] for line in screen.split(b"\r\n") if line in wanted]
-    assert order == sorted(order) and len(order) > 8900
-
-
 # (program, process id, text) as sent, and as a terminal shows them: None for not at all.
 HOSTILE = [
-    ((b"sip", b"1", b"\x1b[2J\x1b]0;title\x07"), (b"sip", b"1", b"^[[2J^[]0;title^G")),
-    ((b"sip", b"\x1b[31m", b"in the process id"), (b"sip", b"^[[31m", b"in the process id")),
+    ((b"sip", b"\x1b[31m", b"\x1b[2J\x1b]0;title\x07"), (b"sip", b"^[[31m", b"^[[2J^[]0;title^G")),
     ((b"ui", b"2", b"\x1b[31m not shown at all"), None),
-    ((b"nmos", b"3", b"refused\raccepted"), (b"nmos", b"3", b"refused^Maccepted")),
-    ((b"nmos", b"4", b"at its end\r"), (b"nmos", b"4", b"at its end^M")),
-    ((b"nmos", b"5", b"two\r\nlines\n\rand\tmore"), (b"nmos", b"5", b"two\r\nlines\n\rand\tmore")),
-    ((b"sap", b"6", b"\x01\b\x0b\x0c\x0e\x7f"), (b"sap", b"6", b"^A^H^K^L^N^?")),
-    ((b"sap", b"7", "Grüße, 世界 🙂".encode()), (b"sap", b"7", "Grüße, 世界 🙂".encode())),
-    ((b"sap", b"8", b"\xc2\x9b31m\x9b31m"), (b"sap", b"8", rb"\u009B31m\x9B31m")),
-    ((b"router", b"9", b"\xed\xa0\x80 \xf4\x90\x80\x80 \xff"), (b"router", b"9", rb"\xED\xA0\x80 \xF4\x90\x80\x80 \xFF")),
-    ((b"router", b"10", b"cut off \xe2\x82"), (b"router", b"10", rb"cut off \xE2\x82")),
-    ((b"router", b"11", b"end"), (b"router", b"11", b"end")),
+    ((b"nmos", b"3", b"refused\raccepted\r\n\n\rand\tmore\r"), (b"nmos", b"3", b"refused^Maccepted\r\n\n\rand\tmore^M")),
+    ((b"sap", b"7", "Grüße, 世界 🙂\x7f".encode()), (b"sap", b"7", "Grüße, 世界 🙂^?".encode())),
+    ((b"router", b"9", b"\xc2\x9b31m \x9b31m \xe2\x82"), (b"router", b"9", rb"\u009B31m \x9B31m \xE2\x82")),
 ]
 
 
@@ -243,7 +206,7 @@ def silent_host():
 def test_keys_act_while_a_host_does_not_answer(silent_host):
     with Viewer() as viewer:
         await_true(lambda: viewer.settings() != viewer.before, "the keyboard is there")
-        viewer.press(b"?", HELP)
+        expect_help(viewer)
         viewer.press(b"AFi", b"------ sip enabled\r\n")
         assert (viewer.quit(), viewer.rest()) == (0, b"")
 

@@ -61,9 +61,9 @@ def sockets(table):
         yield local[:8], int(local[9:], 16), int(remote[9:], 16), state, int(queues.split(":")[1], 16), row[-1]
 
 
-def listening(port=PORT):
-    """Whether some socket listens on the TCP port."""
-    return any(row[1] == port and row[3] == "0A" for row in sockets("tcp"))
+def listening():
+    """Whether some socket listens on the viewers' port."""
+    return any(row[1] == PORT and row[3] == "0A" for row in sockets("tcp"))
 
 
 def unread(port, table="tcp"):
@@ -261,10 +261,7 @@ class FakeServer(Entered):
             self.connection = self.listener.accept()[0]
         self.connection.settimeout(DEADLINE)
         self.connection.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
-        self.expect(SEND_ALL)
-
-    def expect(self, data):
-        expect_stream(lambda: self.connection.recv(len(data)), data)
+        expect_stream(lambda: self.connection.recv(len(SEND_ALL)), SEND_ALL)
 
     def close(self):
         self.connection.close()
