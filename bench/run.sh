@@ -2,15 +2,12 @@
 # run.sh NAME [ARGUMENT...]   installs what is missing, builds what ships into build-bench/, and runs
 #   compare, viewer, memory, burst   what it costs, beside other systems (bench/system)
 #   reliability [--runs N] [CASE...] what it does over bad links and when others misbehave (bench/reliability)
-#   store, selector, instructions    what its parts cost (bench/micro)
+#   store                            what the message store costs (bench/micro)
 # in namespaces of its own. Needs root; figures that are to be told need an idle machine.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-usage() {
-    sed -n '2,/^set/s/^# \?//p' "$0"
-    exit "$1"
-}
+. scripts/packages.sh
 
 # rsyslog, and syslog-ng, which Debian does not install beside it: unpacked into build/peers.
 peers() {
@@ -23,21 +20,20 @@ peers() {
 name=${1-}
 case $name in
 compare | viewer | memory | burst) command=(/usr/bin/python3 -B "bench/system/$name.py") ;;
-instructions) command=(/usr/bin/python3 -B bench/micro/instructions.py) ;;
-store | selector) command=("build-bench/bench/micro/${name}_bench") ;;
+store) command=(build-bench/bench/micro/store_bench) ;;
 reliability) command=(/usr/bin/python3 -B bench/reliability/run.py) ;;
--h | --help) usage 0 ;;
-*) usage 1 >&2 ;;
+*)
+    usage >&2
+    exit 1
+    ;;
 esac
 shift
 
-. scripts/packages.sh
 install_missing g++ cmake ninja-build libbenchmark-dev gzip util-linux iproute2 python3 python3-pexpect
 case $name in
 compare) peers ;;
 viewer) install_missing rsyslog ;;
 reliability) install_missing rsyslog rsyslog-relp ;;
-instructions) install_missing valgrind ;;
 esac
 cmake --preset bench >/dev/null
 cmake --build --preset bench >&2

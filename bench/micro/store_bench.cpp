@@ -56,18 +56,6 @@ void extraction(benchmark::State& state) {
 }
 BENCHMARK(extraction);
 
-/// The strings of a record and nothing else.
-void recordAlone(benchmark::State& state) {
-    const QELloggerSyslogMsg pattern = FullStore().messages.front();
-    const std::int64_t before = allocations;
-    for (auto _ : state) {
-        QELloggerSyslogMsg record = pattern;
-        benchmark::DoNotOptimize(record);
-    }
-    countAllocations(state, before);
-}
-BENCHMARK(recordAlone);
-
 void appendDatagram(benchmark::State& state) {
     FullStore store;
     const std::int64_t before = allocations;
@@ -105,25 +93,6 @@ void listing(benchmark::State& state, bool formatted) {
 }
 BENCHMARK_CAPTURE(listing, raw, false)->Unit(benchmark::kMicrosecond);
 BENCHMARK_CAPTURE(listing, formatted, true)->Unit(benchmark::kMicrosecond);
-
-/// A copy of as many bytes, and a walk over the messages: what a raw listing cannot do without.
-void copyAndWalk(benchmark::State& state) {
-    const FullStore store;
-    const std::string text = messagesOf(store.byteCount);
-    for (auto _ : state) {
-        std::string out;
-        out.reserve(text.size());
-        out.append(text);
-        benchmark::DoNotOptimize(out.data());
-        std::size_t length = 0;
-        for (const QELloggerSyslogMsg& record : store.messages) {
-            length += record.raw.size();
-        }
-        benchmark::DoNotOptimize(length);
-    }
-    state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(text.size()));
-}
-BENCHMARK(copyAndWalk)->Unit(benchmark::kMicrosecond);
 
 } // namespace
 

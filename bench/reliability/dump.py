@@ -5,7 +5,7 @@ import pathlib
 import subprocess
 import time
 
-from support.harness import (MARKER, SEND_ALL, WRITE_FILE, RawViewer, Server, await_true, message, paced,
+from support.harness import (MARKER, SEND_ALL, WRITE_FILE, RawViewer, Server, await_true, paced,
                              send_datagrams)
 
 DUMP = pathlib.Path("/tmp/logger.txt")

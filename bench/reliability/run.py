@@ -16,7 +16,6 @@ import fleet
 import local_log
 import links
 import peers
-import store
 import terminal
 
 # These mostly wait, so they wait side by side; the others need the processor to themselves.
@@ -25,9 +24,9 @@ PATIENT = (peers.vanished_viewer, peers.vanished_viewer_of_a_busy_log, peers.van
            peers.restart_with_a_paused_viewer)
 CASES = {case.__name__: case for case in (
     *links.CASES, *PATIENT, peers.stalled_viewer, peers.floods, peers.no_low_descriptors, peers.signals,
-    terminal.hostile_text, terminal.harmless_text,
+    terminal.hostile_text,
     dump.flood_of_triggers, dump.flood_of_commands, dump.full_disk, dump.planted_files,
-    local_log.stalled_log, store.growth, fleet.fleet)}
+    local_log.stalled_log, fleet.fleet)}
 ISOLATED = pathlib.Path(__file__).parents[2] / "tests/support/isolated.sh"
 
 

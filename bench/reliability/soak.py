@@ -5,8 +5,6 @@ memory is flat after the store has filled, and the descriptors are back to the s
 """
 
 import multiprocessing
-import os
-import pathlib
 import random
 import re
 import socket
@@ -15,7 +13,8 @@ import sys
 import threading
 import time
 
-from support.harness import MARKER, PORT, PROGRAM, SEND_ALL, WRITE_FILE, LogDevice, RawViewer, Server, await_true, message
+from support.harness import (DEADLINE, MARKER, PORT, PROGRAM, SEND_ALL, WRITE_FILE, LogDevice, RawViewer, Server,
+                             await_true, dropped, message, status)
 
 RATE = 2000
 ALLOWED_GROWTH_KIB = 512
@@ -23,27 +22,12 @@ PROGRAMS = ["prothandler", "sip", "nmos", "router", "sap", "ui", "shell", ""]
 SKIPPED = re.compile(rb"^<44>.* hvlogger\[\d+\]: (\d+) lines? (?:was|were) not passed on to the local log$")
 
 
-class Log:
-    """Counts what reaches the local log, and what it is told was skipped; in a process of its own,
-    which reads as fast as a log daemon."""
-
-    def __init__(self, device):
-        self.counts = multiprocessing.Array("q", 2, lock=False)
-        multiprocessing.Process(target=self.read, args=(device,), daemon=True).start()
-
-    def read(self, device):
-        device.socket.settimeout(None)
-        while True:
-            skipped = SKIPPED.match(device.socket.recv(65536))
-            self.counts[1 if skipped else 0] += int(skipped[1]) if skipped else 1
-
-    @property
-    def records(self):
-        return self.counts[0]
-
-    @property
-    def skipped(self):
-        return self.counts[1]
+def read(device, counts):
+    """Counts what reaches the local log, and what it is told was skipped."""
+    device.socket.settimeout(None)
+    while True:
+        skipped = SKIPPED.match(device.socket.recv(65536))
+        counts[1 if skipped else 0] += int(skipped[1]) if skipped else 1
 
 
 def datagram(chance):
@@ -87,25 +71,15 @@ def viewers(stop):
                 pass  # disconnected, as one that stalls may be
 
 
-def drops():
-    rows = [line.split() for line in pathlib.Path("/proc/net/udp").read_text().splitlines()[1:]]
-    return next(int(row[-1]) for row in rows if row[1].endswith(f":{PORT:04X}"))
-
-
-def resident_kib(pid):
-    return int(re.search(r"VmRSS:\s+(\d+)", pathlib.Path(f"/proc/{pid}/status").read_text())[1])
-
-
-def descriptors(pid):
-    return len(os.listdir(f"/proc/{pid}/fd"))
-
-
 def main(seconds):
     chance = random.Random(1)
     stop = threading.Event()
     with LogDevice() as device, Server() as server:
-        log, pid = Log(device), server.process.pid
-        at_start = descriptors(pid)
+        logged, pid = multiprocessing.Array("q", 2, lock=False), server.process.pid
+        # In a process of its own, which reads as fast as a log daemon.
+        multiprocessing.Process(target=read, args=(device, logged), daemon=True).start()
+        server.collect()  # leaves the descriptor that tells the dump's end
+        at_start = len(server.descriptors())
         company = threading.Thread(target=viewers, args=(stop,))
         company.start()
         sender = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
@@ -119,37 +93,27 @@ def main(seconds):
             if chance.random() < 0.0005:
                 sender.send(b"" if chance.random() < 0.5 else b"dump " + MARKER)
             if now - start > 20:
-                memory.append(resident_kib(pid))  # the store has filled by then
+                memory.append(status(pid))  # the store has filled by then
             if now >= report + 10:
                 report = now
-                print(f"{now - start:6.0f} s: sent {sent}, dropped by the kernel {drops()}, logged {log.records}, "
-                      f"told as skipped {log.skipped}, {resident_kib(pid)} KiB, {descriptors(pid)} descriptors",
+                print(f"{now - start:6.0f} s: sent {sent}, dropped by the kernel {dropped()}, logged {logged[0]}, "
+                      f"told as skipped {logged[1]}, {status(pid)} KiB, {len(server.descriptors())} descriptors",
                       flush=True)
             time.sleep(0.005)
         stop.set()
         company.join()
 
-        def balance():
-            # A line that finds a place makes the server tell what it skipped before.
-            nonlocal sent
-            missing = sent - drops() - log.records - log.skipped
-            if missing > 0:
-                sender.send(b"hello")
-                sent += 1
-                time.sleep(0.05)
-            return missing <= 0
-
-        try:
-            await_true(balance, "every delivered datagram is accounted for")
-            lost = 0
-        except AssertionError:
-            lost = sent - drops() - log.records - log.skipped
-        await_true(lambda: descriptors(pid) <= at_start or server.process.poll() is not None, "viewers are gone")
+        end = time.monotonic() + DEADLINE
+        while (lost := sent - dropped() - sum(logged)) and time.monotonic() < end:
+            sender.send(b"hello")  # a line that finds a place makes the server tell what it skipped before
+            sent += 1
+            time.sleep(0.05)
+        await_true(lambda: len(server.descriptors()) <= at_start or server.process.poll() is not None, "viewers are gone")
         third = len(memory) // 3
         # Stalled viewers cost memory for a while; what may not grow is what is left between them.
         growth = min(memory[-third:]) - min(memory[:third])
-        at_end = descriptors(pid)
-        print(f"sent {sent}, dropped by the kernel {drops()}, logged {log.records}, told as skipped {log.skipped}, "
+        at_end = len(server.descriptors())
+        print(f"sent {sent}, dropped by the kernel {dropped()}, logged {logged[0]}, told as skipped {logged[1]}, "
               f"lost {lost}")
         print(f"resident memory {min(memory)} to {max(memory)} KiB, grown by {growth} KiB between first and last third")
         print(f"descriptors {at_start} at the start, {at_end} at the end")

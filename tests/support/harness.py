@@ -76,11 +76,6 @@ def dropped():
     return sum(int(row[5]) for row in sockets("udp") if row[1] == PORT)
 
 
-def cpu_ns(pid):
-    """Processor time that the process has used, in nanoseconds."""
-    return int(pathlib.Path(f"/proc/{pid}/schedstat").read_text().split()[0])
-
-
 def status(pid, field="VmRSS"):
     """A number of /proc/PID/status."""
     return int(re.search(rf"^{field}:\s+(\d+)", pathlib.Path(f"/proc/{pid}/status").read_text(), re.M)[1])
@@ -165,12 +160,12 @@ class LogDevice(Entered):
 class Server(Entered):
     """`hvlogger server` in a directory of its own."""
 
-    def __init__(self, *arguments, program=PROGRAM, **popen):
+    def __init__(self, *arguments, program=PROGRAM, launcher=(), **popen):
         self.directory = tempfile.TemporaryDirectory()
         self.output_path = pathlib.Path(self.directory.name, "output")
         with open(self.output_path, "wb") as output:
-            self.process = subprocess.Popen([program, "server", *arguments], cwd=self.directory.name,
-                                            stdin=subprocess.DEVNULL, stdout=output, stderr=output, **popen)
+            self.process = subprocess.Popen([*launcher, program, "server", *arguments], stdin=subprocess.DEVNULL,
+                                            stdout=output, stderr=output, cwd=self.directory.name, **popen)
         await_true(lambda: listening() or self.process.poll() is not None, "server starts")
 
     def close(self):
@@ -187,7 +182,7 @@ class Server(Entered):
 
     def collect(self, *datagrams):
         """Sends the datagrams, has them all collected and returns the dump."""
-        send_datagrams(*datagrams, MARKER)
+        send_datagrams(*datagrams, b"dump " + MARKER)
         return self.dump()
 
     def descriptors(self):
