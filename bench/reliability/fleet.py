@@ -51,7 +51,7 @@ class Machine:
     def __init__(self, stack, name, centre_address):
         self.name, self.stack = name, stack
         self.process = stack.enter_context(subprocess.Popen(
-            ["unshare", "--net", "--mount", "--uts", "--propagation", "private",
+            ["unshare", "--net", "--mount", "--uts", "--propagation", "unchanged",
              "sh", "-c", MACHINE, "sh", name, centre_address], stdout=subprocess.PIPE))
         stack.callback(self.process.kill)
         assert self.process.stdout.readline() == b"up\n", "no namespaces for further machines"

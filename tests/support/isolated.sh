@@ -33,10 +33,15 @@ fi
 
 PYTHONPATH=$(cd "$(dirname "$0")/.." && pwd)${PYTHONPATH:+:$PYTHONPATH}
 export PYTHONPATH
-for spaces in "--net --mount" "--user --map-root-user --net --mount"; do
+# A chroot that is no mount point cannot be made private; there it is tried whether mounts come out.
+for spaces in "--net --mount --propagation private" \
+    "--user --map-root-user --net --mount --propagation private" "--net --mount --propagation unchanged"; do
     # shellcheck disable=SC2086 # the options are words
-    if unshare $spaces --propagation private "$0" --inside true 2>/dev/null; then
-        exec unshare $spaces --propagation private "$0" --inside "$@"
+    unshare $spaces sh -c "mount -t tmpfs tmpfs /mnt && : >/mnt/inside" 2>/dev/null || continue
+    if [ -e /mnt/inside ]; then
+        umount /mnt
+    elif unshare $spaces "$0" --inside true 2>/dev/null; then
+        exec unshare $spaces "$0" --inside "$@"
     fi
 done
 echo "isolated.sh: no private namespaces here, running on the shared ones" >&2
