@@ -34,9 +34,11 @@ int HVLoggerOutput::sync() {
     setp(buffer.data(), buffer.data() + buffer.size());
     while (next != end) {
         const ssize_t written = write(outputFd, next, static_cast<std::size_t>(end - next));
-        if (written > 0) {
-            next += written;
-        } else if (errno == EAGAIN ? !waitForRoom() : errno != EINTR) {
+        if (written < 0 && errno != EAGAIN && errno != EINTR) {
+            return -1;
+        }
+        next += written > 0 ? written : 0;
+        if (next != end && !waitForRoom()) {
             return -1;
         }
     }

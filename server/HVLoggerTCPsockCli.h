@@ -20,8 +20,9 @@
 /// kept.
 class HVLoggerTCPsockCli : public HVLoggerTCPsock {
   public:
-    /// What is read at once, at most: keys act in between.
-    static constexpr std::size_t batchLimit = 0x10000;
+    /// What is read at once, at most: keys act in between, and a terminal shows one batch while the
+    /// next one is read.
+    static constexpr std::size_t batchLimit = 0x4000;
 
     /// Values of `state`.
     enum State : int {
