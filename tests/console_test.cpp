@@ -85,7 +85,7 @@ TEST(TerminalFilter, EveryCodePointPassesUnlessItControls) {
         char character[MB_LEN_MAX];
         const int length = std::wctomb(character, value); // -1 for a surrogate
         const std::string text(character, static_cast<std::size_t>(std::max(length, 0)));
-        ASSERT_EQ(onScreen({"+", text, "+"}), expected("+" + text + "+")) << value;
+        ASSERT_EQ(onScreen({"+", text, "+"}), expected("+" + text + "+")) << text;
     }
 }
 
