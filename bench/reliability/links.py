@@ -82,8 +82,8 @@ class Screen:
 def over(name, description, rate=0, count=0, size=None, **settings):
     """A case: a listing of a full store, or so many lines at that rate, each with a text of the given size."""
     def case():
-        there_is = link(seed=os.environ["RUN"], **settings) if settings else contextlib.nullcontext(([], None))
-        with Server(), there_is as (there, _):
+        there_is = link(seed=os.environ["RUN"], **settings) if settings else contextlib.nullcontext(((), None))
+        with Server(), there_is as (there, relay):
             lines = [text(n, size) for n in range(count)]
             expected = [shown(line) for line in lines] or fill([text(n) for n in range(STORED)])
             with subprocess.Popen([*there, PROGRAM, "client", HERE if there else "127.0.0.1"], stdin=subprocess.PIPE,
@@ -94,9 +94,11 @@ def over(name, description, rate=0, count=0, size=None, **settings):
                     send_datagrams(*[message(lines[n]) for n in numbers])
                     screen.read(0)
                 screen.read_to_the_end()
+                late = relay.communicate()[0].decode().strip() if relay else "0"
                 viewer.kill()
             print(f"    {len(expected) - dropped() - screen.whole(expected)} of {len(expected)} lines not whole, the last one "
-                  f"{screen.last_line_ms():.0f} ms after the rest; {dropped()} dropped in front of the server", flush=True)
+                  f"{screen.last_line_ms():.0f} ms after the rest; {dropped()} dropped in front of the server, the link "
+                  f"up to {late} ms late", flush=True)
     case.__name__, case.__doc__ = name, description
     return case
 
