@@ -164,6 +164,7 @@ TEST(Calendar, FieldsBeyondTheirRangeRunOn) {
         EXPECT_TRUE(time.week >= 9 && time.week <= 11) << time.week;
     }
     EXPECT_EQ(dateTime(2024, 2, 31, 0, 0, 0, 0).dayOfYear, 62);
+    EXPECT_EQ(daysFromDate(1582, 10, 14), -6644) << "the last of the days that were left out";
     EXPECT_EQ(daysFromDate(2023, 13, 1), daysFromDate(2024, 1, 1));
     EXPECT_EQ(daysFromDate(2024, 0, 1), daysFromDate(2023, 12, 1));
     EXPECT_EQ(daysFromDate(INT64_MAX, 5, 2) - daysFromDate(INT64_MAX, 5, 1), 1);

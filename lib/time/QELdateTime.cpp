@@ -187,7 +187,7 @@ std::string formatTime(const QELdateTime& time, int fractionDigits, bool padded,
         std::string fraction;
         appendNumber(fraction, time.microsecond, 6);
         text += '.';
-        text.append(fraction, 0, static_cast<std::size_t>(std::min(fractionDigits, 6)));
+        text.append(fraction, 0, static_cast<std::size_t>(fractionDigits));
     }
     return text;
 }
