@@ -1,5 +1,4 @@
-// What the message store costs: taking a message in, a whole listing in, a listing out. The rate of
-// items is that of messages.
+// What the message store costs: taking a message in, a whole listing in, a listing out.
 
 #include "QELloggerSyslogFmt.h"
 #include "support/allocations.h"
@@ -31,38 +30,14 @@ struct FullStore : QELloggerSyslogFmt {
     }
 };
 
-void countAllocations(benchmark::State& state, std::int64_t before) {
-    state.counters["allocations"] = benchmark::Counter(static_cast<double>(allocations - before),
-                                                       benchmark::Counter::kAvgIterations);
-    state.SetItemsProcessed(state.iterations());
-}
-
-void extraction(benchmark::State& state) {
-    const std::int64_t before = allocations;
-    for (auto _ : state) {
-        QELloggerSyslogMsg record;
-        std::size_t start = 0;
-        std::size_t end = message.size();
-        QELloggerSyslogFmt::findMessage(message, start, end);
-        QELloggerSyslogFmt::parsePriority(message, record.facility, record.severity);
-        QELloggerSyslogFmt::getAppName(message, record.appName);
-        QELloggerSyslogFmt::getProcId(message, record.procId);
-        QELloggerSyslogFmt::getTimestamp(message, record.timestamp);
-        QELloggerSyslogFmt::getText(message, record.text);
-        record.raw = message;
-        benchmark::DoNotOptimize(record);
-    }
-    countAllocations(state, before);
-}
-BENCHMARK(extraction);
-
 void appendDatagram(benchmark::State& state) {
     FullStore store;
     const std::int64_t before = allocations;
     for (auto _ : state) {
         store.append(message);
     }
-    countAllocations(state, before);
+    state.counters["allocations"] = benchmark::Counter(static_cast<double>(allocations - before),
+                                                       benchmark::Counter::kAvgIterations);
 }
 BENCHMARK(appendDatagram);
 

@@ -1,12 +1,10 @@
-"""Dumps under attack: floods of requests, a planted link or FIFO, a full disk."""
+"""Dumps under attack: floods of requests, a full disk."""
 
-import os
 import pathlib
 import subprocess
 import time
 
-from support.harness import (MARKER, SEND_ALL, WRITE_FILE, RawViewer, Server, await_true, paced,
-                             send_datagrams)
+from support.harness import (MARKER, SEND_ALL, WRITE_FILE, RawViewer, Server, await_true, paced, send_datagrams)
 
 DUMP = pathlib.Path("/tmp/logger.txt")
 
@@ -41,24 +39,6 @@ def flood_of_triggers():
 def flood_of_commands():
     """The same by command 2."""
     flood(lambda viewer: viewer.socket.sendall(WRITE_FILE))
-
-
-def planted_files():
-    """A link and a FIFO at the temporary path."""
-    with Server() as server, RawViewer() as viewer:
-        viewer.send(SEND_ALL)
-        victim = pathlib.Path(server.directory.name, "victim")
-        victim.write_text("precious")
-        DUMP.symlink_to(victim)
-        send_datagrams(MARKER)
-        viewer.log("sync")
-        print(f"    link: the file it points to is {'kept' if victim.read_text() == 'precious' else 'lost'}")
-        DUMP.unlink()
-        os.mkfifo(DUMP)
-        start = time.monotonic()
-        send_datagrams(MARKER)
-        viewer.log("after")
-        print(f"    FIFO: a message after the request takes {(time.monotonic() - start) * 1e3:.0f} ms")
 
 
 def full_disk():

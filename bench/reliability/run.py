@@ -1,7 +1,7 @@
 """What hvlogger does over links of every kind and when others misbehave: bench/run.sh reliability [--runs N] [CASE...]
 
-Runs the cases named ("links" and "peers": all of that kind), or all, each in network and mount namespaces of its own. A case is a function
-that prints what it found; one that raises has failed.
+Runs the cases named ("links" and "peers": all of that kind), or all, each in network and mount
+namespaces of its own. A case is a function that prints what it found; one that raises has failed.
 """
 
 import argparse
@@ -25,7 +25,7 @@ PATIENT = (peers.vanished_viewer, peers.vanished_viewer_of_a_busy_log, peers.van
 CASES = {case.__name__: case for case in (
     *links.CASES, *PATIENT, peers.stalled_viewer, peers.floods, peers.no_low_descriptors, peers.signals,
     terminal.hostile_text,
-    dump.flood_of_triggers, dump.flood_of_commands, dump.full_disk, dump.planted_files,
+    dump.flood_of_triggers, dump.flood_of_commands, dump.full_disk,
     local_log.stalled_log, fleet.fleet)}
 ISOLATED = pathlib.Path(__file__).parents[2] / "tests/support/isolated.sh"
 
