@@ -8,7 +8,7 @@ import subprocess
 import sys
 
 import pytest
-from support.harness import LOG_DEVICE_TAKEN, await_true
+from support.harness import LOG_DEVICE_TAKEN, LogDevice, await_true
 
 pytestmark = pytest.mark.skipif(LOG_DEVICE_TAKEN, reason="/dev/log cannot be this test's own")
 FLOOD = """import socket
@@ -78,3 +78,22 @@ def test_a_log_that_is_behind_stops_nothing(flooders, reads, successor, viewer):
     while sum(log.account() for log in logs) < sent < 2000:
         viewer.log(str(sent := sent + 1))
     assert sum(log.lines for log in logs) == sent
+
+
+@pytest.mark.parametrize("skipped, replaced, report", [(1, False, b"1 line was"), (2, True, b"2 lines were")])
+def test_skipped_lines_are_told_once(skipped, replaced, report, viewer):
+    log = LogDevice()
+    with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as other, pytest.raises(BlockingIOError):
+        other.setblocking(False)
+        while True:
+            other.sendto(b"fills the queue", "/dev/log")
+    viewer.log(*["skipped"] * skipped)
+    if replaced:
+        log.close()
+        log = LogDevice()
+    while not log.silent():
+        log.record()
+    viewer.log("next", "last")
+    texts = [log.record().partition(b"]: ")[2] for _ in range(3)]
+    assert texts == [b"next", report + b" not passed on to the local log", b"last"] and log.silent()
+    log.close()

@@ -140,6 +140,7 @@ class LogDevice(Entered):
     """The reader of /dev/log: one record for each line that the server passes on."""
 
     def __init__(self):
+        pathlib.Path("/dev/log").unlink(missing_ok=True)  # a former reader's
         self.socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
         self.socket.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 1 << 20)
         self.socket.bind("/dev/log")
