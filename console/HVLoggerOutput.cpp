@@ -5,8 +5,6 @@
 #include <poll.h>
 #include <unistd.h>
 
-// NOLINTNEXTLINE(cppcoreguidelines-pro-type-member-init): the buffer's first bytes are written
-// first
 HVLoggerOutput::HVLoggerOutput(std::ostream& buffered, int output, int interrupt)
     : stream(buffered), formerly(buffered.rdbuf(this)), outputFd(output), interruptFd(interrupt) {
     setp(buffer.data(), buffer.data() + buffer.size());

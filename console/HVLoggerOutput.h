@@ -32,5 +32,5 @@ class HVLoggerOutput : public std::streambuf {
     std::streambuf* formerly; ///< the stream's own
     int outputFd;             ///< -1 once interrupted
     int interruptFd;
-    std::array<char, 0x4000> buffer;
+    std::array<char, 0x4000> buffer{};
 };

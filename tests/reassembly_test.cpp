@@ -9,6 +9,7 @@
 namespace {
 
 const std::string header = "<14>1 t d sip 1 - ";
+const std::string headerless = "<13>t t d sip 1 - z";
 const std::string next = header + "y";
 const std::string line = header + std::string(1000 - header.size(), 'x');
 
@@ -70,14 +71,15 @@ TEST(Reassembly, KeepsOnlyWhatMayGoOnForAsLongAsTheLinkMayPause) {
         std::size_t shown;      ///< messages
         std::int64_t silenceUs; ///< 0: nothing is kept
     } cases[] = {
-        {1001, 50, 0, {line}, 1, 0},
+        {1001, 50, 0, {line, line}, 2, 0}, // known to be smaller than segments can be
+        {1000, 50, 0, {line + "<1", "4>1 t d sip 1 - "}, 1, 15'000},
         {1000, 50, 0, {line}, 0, 15'000},
         {1000, 50, 0, {line, next}, 2, 0},
         {1000, 50, 0, {line, "z" + next + next}, 2, 15'000},
         {1000, 50, 0, {line, std::string(HVLoggerReassembly::keptLimit, 'x')}, 1, 0},
         {9000, 50, 0, {line + "<"}, 1, 0},
         {9000, 50, 0, {line + line}, 1, 15'000}, // maybe a piece of a listing
-        {1448, 50, 0, {"<13>1 d sip: a b - z", next}, 2, 0},
+        {1448, 50, 0, {headerless, next}, 2, 0},
         {1448, 50'000, 0, {"z"}, 0, 125'000},
         {1448, 1'000'000, 0, {"z"}, 0, 300'000},
         {1448, 50, 100'000, {"z", "late: learned"}, 0, 200'000},
@@ -88,12 +90,12 @@ TEST(Reassembly, KeepsOnlyWhatMayGoOnForAsLongAsTheLinkMayPause) {
         viewer.link = {c.segment, c.roundTripUs};
         for (const std::string& batch : c.batches) {
             viewer.arrive(batch, c.pauseUs);
+            viewer.link.segment = 500;
         }
         EXPECT_EQ(viewer.store.messages.size(), c.shown);
         EXPECT_EQ(viewer.silence(), c.silenceUs);
-        viewer.link.segment = 900; // segments have become smaller: what was shown last goes on
         viewer.wait(300'000);
-        viewer.arrive("z", 0);
+        viewer.arrive("z", 0); // what was shown last goes on: segments are smaller indeed
         viewer.arrive(line, 0);
         viewer.wait(2'000'000, true); // what is missing is waited for, but not for ever
         EXPECT_GT(viewer.silence(), 0);
@@ -113,13 +115,16 @@ TEST(TcpClient, ReadsALimitedBatchAtOnceAndHandsOverEveryMessageWhole) {
     for (std::size_t n = 0; n < 100; ++n) {
         text += line + std::string(n, 'x');
     }
-    ASSERT_EQ(send(ends[1], text.data(), text.size(), MSG_DONTWAIT), std::ssize(text));
     selector.addRead(&client, client.fd);
-    while (viewer.store.messages.size() < 100) { // the last one by the timer
+    for (const std::string& batch : {headerless, text}) {
+        ASSERT_EQ(send(ends[1], batch.data(), batch.size(), MSG_DONTWAIT), std::ssize(batch));
+        ASSERT_EQ(selector.runOnce(), 0);
+    }
+    while (viewer.store.messages.size() < 101) { // the last one by the timer
         ASSERT_EQ(selector.runOnce(), 0);
         ASSERT_LE(client.rxData.size(), 0x4000U);
     }
-    EXPECT_EQ(viewer.shown(), text);
+    EXPECT_EQ(viewer.shown(), headerless + text);
     close(ends[1]);
 }
 
