@@ -53,14 +53,14 @@ class Machine:
         stack.callback(self.process.kill)
         assert self.process.stdout.readline() == b"up\n", "no namespaces for further machines"
         self.root = pathlib.Path(f"/proc/{self.process.pid}/root")
-        # With the root, else they would work outside of a chroot that this may run in.
-        self.enter = ["nsenter", "--net", "--mount", "--uts", "--root", f"--target={self.process.pid}"]
+        # With root and directory, else they would work outside of a chroot that this may run in.
+        self.enter = ["nsenter", "--net", "--mount", "--uts", "--root", "--wd", f"--target={self.process.pid}"]
 
     def run(self, *command, **options):
         subprocess.run([*self.enter, *command], check=True, **options)
 
     def start(self, ready, *command):
-        process = self.stack.enter_context(subprocess.Popen([*self.enter, *command], cwd="/"))
+        process = self.stack.enter_context(subprocess.Popen([*self.enter, *command]))
         self.stack.callback(process.kill)
 
         def is_ready():
