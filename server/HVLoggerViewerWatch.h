@@ -11,8 +11,9 @@
 /// A viewer that is silent is asked by keep-alive. One that is being sent something is not, and the
 /// kernel alone would go on for a quarter of an hour; one that is paused, its receive window full,
 /// is asked by window probes, which the kernel sends ever more rarely and for as long as it takes.
-/// So this class looks every ten seconds whether the questions are answered. A viewer that is only
-/// stopped stays: its kernel answers.
+/// So this class looks every second whether the questions are answered. A viewer that is only
+/// stopped stays: its kernel answers. So does one on a link that loses packets: several questions
+/// in a row must be lost, here as with keep-alive, which is left to the kernel.
 class HVLoggerViewerWatch : public QELselTimer {
   public:
     /// @param whenVanished  called when the viewer has vanished, after the last look at it

@@ -280,12 +280,12 @@ TEST_F(TcpServer, ViewerThatAcknowledgesNothingForTooLongIsDropped) {
         std::uint32_t lastAckMs;
         int probedUntilMs;
         HVLoggerTCPsockSrv::State state;
-    } cases[] = {{0, 0, 0, 4'000'000, 0, HVLoggerTCPsockSrv::stateConnected},
+    } cases[] = {{0, 3, 0, 4'000'000, 0, HVLoggerTCPsockSrv::stateConnected},
                  {1, 0, 3, 20'000, 0, HVLoggerTCPsockSrv::stateConnected},
-                 {0, 1, 8, 110'000, 320'000, HVLoggerTCPsockSrv::stateConnected},
-                 {0, 2, 8, 20'000, 320'000, HVLoggerTCPsockSrv::stateConnected},
-                 {0, 2, 8, 45'000, -1, HVLoggerTCPsockSrv::stateListening},
-                 {1, 0, 7, 45'000, -1, HVLoggerTCPsockSrv::stateListening}};
+                 {0, 1, 8, 110'000, 309'000, HVLoggerTCPsockSrv::stateConnected},
+                 {0, 2, 8, 20'000, 309'000, HVLoggerTCPsockSrv::stateConnected},
+                 {0, 2, 8, 55'000, -1, HVLoggerTCPsockSrv::stateListening},
+                 {1, 0, 7, 55'000, -1, HVLoggerTCPsockSrv::stateListening}};
     for (const auto& c : cases) {
         if (server.state == HVLoggerTCPsockSrv::stateListening) {
             connectViewer();
@@ -342,7 +342,7 @@ TEST_F(TcpServer, ViewerThatEndedItsSideGetsWhatIsThereForItAndNothingNew) {
         EXPECT_EQ(recv(viewer.fd, listing.data(), 1, 0), 0);
         // The listening socket is not taken for a viewer that vanishes.
         connection.tcpi_unacked = 1;
-        connection.tcpi_last_ack_recv = 45'000;
+        connection.tcpi_last_ack_recv = 55'000;
         secondsAhead += 11;
         cycle();
         EXPECT_NE(fcntl(server.fd, F_GETFD), -1);
