@@ -4,323 +4,204 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <array>
-#include <cerrno>
+#include <chrono>
 #include <csignal>
-#include <functional>
-#include <memory>
-#include <netinet/in.h>
 #include <poll.h>
-#include <sys/eventfd.h>
+#include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
 
 namespace {
 
-constexpr std::uint64_t longAgo = 1;
-constexpr std::uint64_t never = UINT64_MAX; // armed, but not due in anyone's lifetime
-
-/// What can be waited for, in the order of serving.
 struct Condition {
     bool (QELselector::*add)(QELselRcv*, std::int32_t);
     void (QELselector::*remove)(const QELselRcv*);
     void (QELselRcv::*selRemove)();
 };
-constexpr std::array<Condition, 3> conditions{{
-    {&QELselector::addWrite, &QELselector::removeWrite, &QELselRcv::selRemoveWrite},
-    {&QELselector::addRead, &QELselector::removeRead, &QELselRcv::selRemoveRead},
-    {&QELselector::addExcept, &QELselector::removeExcept, &QELselRcv::selRemoveExcept},
-}};
+const std::map<char, Condition> conditions{
+    {'w', {&QELselector::addWrite, &QELselector::removeWrite, &QELselRcv::selRemoveWrite}},
+    {'r', {&QELselector::addRead, &QELselector::removeRead, &QELselRcv::selRemoveRead}},
+    {'x', {&QELselector::addExcept, &QELselector::removeExcept, &QELselRcv::selRemoveExcept}}};
 
-std::string calls;      // who was called in this cycle
-std::int64_t cycleTime; // what they were told
+/// Ascending; ready to be written to, to be read, and with urgent data.
+const std::vector<int> descriptors = [] {
+    const int listener = socket(AF_INET, SOCK_STREAM, 0), peer = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr address{};
+    socklen_t length = sizeof address;
+    EXPECT_EQ(listen(listener, 1) + getsockname(listener, &address, &length), 0);
+    EXPECT_EQ(connect(peer, &address, length), 0);
+    EXPECT_EQ(send(peer, "x!", 2, MSG_OOB), 2);
+    pollfd arrival{accept(listener, nullptr, nullptr), POLLPRI, 0};
+    EXPECT_EQ(poll(&arrival, 1, 60'000), 1);
+    return std::vector{arrival.fd, dup(arrival.fd), dup(arrival.fd), dup(arrival.fd)};
+}();
 
-void note(char name, std::int64_t now) {
-    EXPECT_TRUE(calls.empty() || now == cycleTime);
-    calls += name;
-    cycleTime = now;
-}
-
-// Both run copies of their actions, so that an action may destroy its own object.
-struct Receiver : QELselRcv {
-    using Action = std::function<bool()>;
-    char name;
-    Action action;
-    explicit Receiver(
-        char ownName, Action does = [] { return true; })
-        : name(ownName), action(std::move(does)) {}
-    bool onReady(std::int64_t now) override { return note(name, now), Action(action)(); }
-};
-struct Timer : QELselTimer {
-    using Action = std::function<std::uint64_t()>;
-    char name;
-    Action action;
-    explicit Timer(
-        char ownName, Action does = [] { return longAgo; })
-        : name(ownName), action(std::move(does)) {}
-    std::uint64_t onTimer(std::int64_t now) override { return note(name, now), Action(action)(); }
-};
-
-/// A dispatcher whose cycles do not wait: a timer, noted as a dot, is always due.
-struct Impatient : QELselector {
-    Timer due{'.'};
-    Impatient() { setTimer(&due, longAgo); }
-    std::string cycle(std::int32_t expected = 0) {
-        calls.clear();
-        const std::int64_t before = nowUs();
-        EXPECT_EQ(runOnce(), expected);
-        EXPECT_GE(cycleTime, before);
-        return calls;
-    }
-};
-
-struct Dispatch : testing::Test {
-    std::array<int, 4> fds{}; // ascending; ready to be written to, to be read, and with urgent data
-    Impatient selector, elsewhere;
-
-    Dispatch() {
-        const int listener = socket(AF_INET, SOCK_STREAM, 0);
-        const int peer = socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in in{AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
-        socklen_t length = sizeof in;
-        auto* const address = reinterpret_cast<sockaddr*>(&in);
-        EXPECT_EQ(bind(listener, address, length) + listen(listener, 1), 0);
-        EXPECT_EQ(getsockname(listener, address, &length) + connect(peer, address, length), 0);
-        EXPECT_EQ(send(peer, "x", 1, 0) + send(peer, "!", 1, MSG_OOB), 2);
-        fds[0] = accept(listener, nullptr, nullptr);
-        std::generate(fds.begin() + 1, fds.end(), [&] { return dup(fds[0]); });
-        pollfd arrival{fds[0], POLLPRI, 0};
-        EXPECT_EQ(poll(&arrival, 1, 60'000), 1);
-        EXPECT_EQ(close(listener) + close(peer), 0);
-    }
-    ~Dispatch() override { std::ranges::for_each(fds, close); }
-};
-
-TEST_F(Dispatch, ServesWritingThenReadingThenExceptionsByDescriptorThenTimers) {
-    std::array<Receiver, 6> r{Receiver('f'), Receiver('e'), Receiver('d'),
-                              Receiver('c'), Receiver('b'), Receiver('a')};
-    for (std::size_t i = 0; i < r.size(); ++i) { // backwards
-        EXPECT_TRUE((selector.*conditions[2 - i / 2].add)(&r[i], fds[1 - i % 2]));
-    }
-    EXPECT_EQ(selector.cycle(), "abcdef.");
-}
-
-// a, b and c read the first three descriptors; d is not registered yet.
-TEST_F(Dispatch, WhatACallbackDoesToReceiversHoldsInTheSameCycle) {
-    std::array<std::unique_ptr<Receiver>, 4> receivers;
-    auto &a = receivers[0], &b = receivers[1], &c = receivers[2], &d = receivers[3];
-    const auto read = [&](auto& who, int i) {
-        return selector.addRead(who.get(), fds.at(i));
+/// Two dispatchers, and receivers a to z and timers A to Z that play scripts on them. Words:
+///   +ar0 -ar <ar   a waits to (r)ead descriptor 0; the dispatcher, a itself removes it; w, x alike
+///   +T2 <T         T is given its deadline (0: none, 1: now, 2: just after), is cancelled
+///   ~a ~T !a7 !T7  a, T is destroyed, sets exit code 7
+///   :a+br1,>0      what a does when it is called next, and its result, which is 1 if not told
+///   @ #            the other dispatcher is meant from now on; a new one replaces it
+///   =aT.7          a cycle calls a, T and what ends its wait, and gives 7
+///   ?aT*           a and T are linked to a dispatcher, T is armed
+struct Stage {
+    struct Player : QELselRcv, QELselTimer {
+        Stage* stage;
+        char name;
+        Player(Stage* owner, char ownName) : stage(owner), name(ownName) {}
+        bool onReady(std::int64_t now) override { return stage->called(name, now) != 0; }
+        std::uint64_t onTimer(std::int64_t now) override { return stage->called(name, now); }
     };
-    struct Case {
-        std::function<bool()> action;      // of a, in the first cycle
-        std::string first, second, linkOf; // who is called, who has a link in the end
-    };
-    for (const Case& test : std::initializer_list<Case>{
-             {[&] { return true; }, "abc.", "abc.", "abc "},
-             {[&] { return false; }, "abc.", "bc.", " bc "},
-             {[&] { return a->selRemoveRead(), true; }, "abc.", "bc.", " bc "},
-             {[&] { return a.reset(), false; }, "abc.", "bc.", " bc "},
-             {[&] { return selector.removeRead(b.get()), true; }, "ac.", "ac.", "abc "},
-             {[&] { return b.reset(), true; }, "ac.", "ac.", "a c "},
-             {[&] { return elsewhere.addRead(b.get(), fds[3]); }, "ac.", "ac.", "a c "},
-             {[&] { return read(c, 1); }, "acc.", "acc.", "abc "},
-             {[&] { return !read(b, 0); }, "abc.", "bc.", "a c "},
-             {[&] { return a->selRemoveRead(), read(d, 3), !read(b, 0); }, "abc.", "bcd.", "  cd"},
-             {[&] { return b->selRemoveRead(), read(b, 1); }, "abc.", "abc.", "abc "},
-             {[&] { return read(d, 3); }, "abc.", "abcd.", "abcd"},
-             {[&] { return selector.addWrite(d.get(), fds[0]); }, "abc.", "dabc.", "abcd"},
-             {[&] { return selector.addExcept(d.get(), fds[0]); }, "abc.", "abcd.", "abcd"}}) {
-        for (char name = 'a'; auto& receiver : receivers) {
-            receiver = std::make_unique<Receiver>(name++);
+    std::unique_ptr<QELselector> selector{new QELselector}, other{new QELselector};
+    std::map<char, std::unique_ptr<Player>> players;
+    std::map<char, std::string> actions;
+    std::string calls; // who was called in this cycle
+    std::int64_t now{1};
+
+    Player& player(char name) {
+        auto& found = players[name];
+        return found ? *found : *(found = std::make_unique<Player>(this, name));
+    }
+    std::uint64_t called(char name, std::int64_t cycleTime) {
+        EXPECT_TRUE(calls.empty() ? cycleTime >= now : cycleTime == now);
+        calls += name;
+        now = cycleTime;
+        return play(std::exchange(actions[name], ""), ',');
+    }
+    std::uint64_t play(const std::string& script, char separator = ' ') {
+        std::uint64_t result = 1;
+        std::istringstream words(script);
+        for (std::string word; std::getline(words, word, separator);) {
+            const char what = word[0];
+            const std::string rest = word.substr(1), more = word.substr(std::min(word.size(), 2UL));
+            if (what == '=') {
+                Player due(this, '.');
+                selector->setTimer(&due, 1);
+                calls.clear();
+                now = QELselector::nowUs();
+                const std::int32_t code = selector->runOnce();
+                EXPECT_EQ(calls + (code != 0 ? std::to_string(code) : ""), rest) << script;
+            } else if (what == '?') {
+                std::string linked;
+                for (const auto& [name, one] : players) {
+                    const bool is = one->QELselRcv::selector || one->QELselTimer::selector;
+                    linked += std::string(is ? 1 : 0, name) + (one->armed ? "*" : "");
+                }
+                EXPECT_EQ(linked, rest) << script;
+            } else if (what == '>') {
+                result = std::stoull(rest);
+            } else if (what == '@') {
+                selector.swap(other);
+            } else if (what == '#') {
+                selector = std::make_unique<QELselector>();
+            } else if (what == '~') {
+                players.erase(rest[0]);
+            } else if (what == ':') {
+                actions[rest[0]] = more;
+            } else if (Player& one = player(rest[0]); what == '!') {
+                one.name < 'a' ? one.QELselTimer::selExit(std::stoi(more))
+                               : one.QELselRcv::selExit(std::stoi(more));
+            } else if (one.name < 'a') {
+                const auto set = [&](double time) {
+                    selector->setTimer(&one, time == 0 ? 0 : now + std::int64_t(time) - 1);
+                };
+                what == '<' ? one.cancel() : set(std::stod(more));
+            } else {
+                const auto& [add, remove, selRemove] = conditions.at(more[0]);
+                what == '<'   ? (one.*selRemove)()
+                : what == '-' ? (*selector.*remove)(&one)
+                              : void((*selector.*add)(&one, descriptors.at(more[1] - '0')));
+            }
         }
-        EXPECT_TRUE(read(a, 0) && read(b, 1) && read(c, 2));
-        a->action = [&] {
-            return a->action = [] { return true; }, test.action();
+        return result;
+    }
+};
+
+TEST(Dispatch, WhatACallbackDoesHoldsInTheSameCycle) {
+    for (const char* script : {
+             "+T1 +fx1 +ex0 +dr1 +cr0 +bw1 +aw0 =abcdefT.",
+             "+ar0 +br1 +cr2 :a>0 =abc. =bc. ?bc",
+             "+ar0 +br1 +cr2 :a~a,>0 =abc. =bc. ?bc",
+             "+ar0 +br1 +cr2 :a-br =ac. =ac. ?abc",
+             "+ar0 +br1 +cr2 :a~b =ac. =ac. ?ac",
+             "+ar0 +br1 +cr2 :a@,+br3,@ =ac. =ac. @ =b. <br =.",
+             "+ar0 +br1 +cr2 :a+cr1 =acc. -cr =ac. ?abc",
+             "+ar0 +br1 +cr2 :a+dr3,+br0,>0 =abc. =bcd. ?acd",
+             "+ar0 +br1 +cr2 :a+dr3,+ew0,+fx0 =abc. =eabcdf.",
+             "+aw0 +ar0 +ax0 <aw ? <aw <ar <ax =aa. @ +aw0 =a. @ =.",
+             "+aw0 +ar0 +ax0 <ar ? <aw <ar <ax =aa. @ +ar0 =a. @ =.",
+             "+aw0 +ar0 +ax0 <ax ? <aw <ar <ax =aa. @ +ax0 =a. @ =.",
+             "+aw0 +ar0 +ax0 <ar ~a =.",
+             "+ar0 +bw0 +T1e15 +U1e15 @ +br0 +U1 @ =a. # ?*U*b <ar @ =bU.",
+             // Timers set while the list is walked.
+             "+F1e15 +L1 +G1 +C1 :L>0 :G+S2,+E1,<C,>0 :E>0 =LG.E ?EF*GLS* =S.",
+             "+T1e15 +T1 =T. ?T* +T0 =. ?T",
+             "+T1 :T+T1,>-1 =T. ?T* =.",
+             "+T1 :T<T,+T1e15 =T. ?T* =.",
+             "+T1 :T~T =T. ? =.",
+             "!a1 !T1 +ar0 +T1e15 !a99 =a. :a!a7,>0 =a.7 =.",
+             "+ar0 :a!a-3146 =a.-3146 :a!a-3147 =a.-3147 :a!a-3148 =a.-3148 =a.",
+             "+ar0 +T1 :a!a1 :T!T0 =aT. :a!a5 :T!T-3146 =aT.-3146",
+         }) {
+        Stage().play(script);
+    }
+}
+
+TEST(Dispatch, DescriptorsOutsideTheSetsAndAnyWhenFullAreRefused) {
+    for (const auto& [letter, condition] : conditions) {
+        Stage stage;
+        const auto add = [&](char name, std::int32_t descriptor) {
+            return (*stage.selector.*condition.add)(&stage.player(name), descriptor);
         };
-        EXPECT_EQ(selector.cycle(), test.first);
-        EXPECT_EQ(selector.cycle(), test.second);
-        std::string linked;
-        for (const auto& receiver : receivers) {
-            linked += receiver && receiver->selector == &selector ? receiver->name : ' ';
-        }
-        EXPECT_EQ(linked, test.linkOf) << test.first << test.second;
-    }
-}
-
-TEST_F(Dispatch, AReceiverHasOneLinkForAllItsEntries) {
-    for (const Condition& one : conditions) {
-        Receiver receiver('r');
-        for (const Condition& each : conditions) {
-            (selector.*each.add)(&receiver, fds[0]);
-        }
-        (receiver.*one.selRemove)();
-        EXPECT_EQ(receiver.selector, nullptr);
-        for (const Condition& each : conditions) {
-            (receiver.*each.selRemove)(); // has no link to act on
-        }
-        EXPECT_EQ(selector.cycle(), "rr.");
-        (elsewhere.*one.add)(&receiver, fds[0]); // takes it off altogether
-        EXPECT_EQ(selector.cycle() + elsewhere.cycle(), ".r.");
-        for (const Condition& each : conditions) {
-            (selector.*each.add)(&receiver, fds[0]);
-        }
-        (receiver.*one.selRemove)();
-    } // destroyed while it has entries but no link
-    EXPECT_EQ(selector.cycle(), ".");
-}
-
-TEST_F(Dispatch, DescriptorsOutsideTheSetsAndAnyWhenFullAreRefused) {
-    for (const auto& [add, remove, selRemove] : conditions) {
-        Receiver receiver('r'), other('o');
-        for (const std::int32_t refused : {-1, INT32_MIN, 1024, INT32_MAX}) {
-            EXPECT_FALSE((selector.*add)(&receiver, refused)) << refused;
-        }
-        EXPECT_EQ(receiver.selector, nullptr);
+        EXPECT_FALSE(add('a', -1) || add('a', 1024) || add('a', INT32_MIN) || add('a', INT32_MAX));
+        stage.play("?");
         for (std::int32_t fd = 1023; fd >= 0; --fd) {
-            ASSERT_TRUE((selector.*add)(&receiver, fd)) << fd;
+            ASSERT_TRUE(add('a', fd)) << fd;
         }
-        EXPECT_FALSE((selector.*add)(&other, 5)) << "replaced an entry of a full map";
-        EXPECT_EQ(other.selector, nullptr);
-        (selector.*remove)(&receiver);
-        EXPECT_TRUE((selector.*add)(&other, 0));
-        EXPECT_FALSE((selector.*add)(&other, 0)) << "removed another entry than the lowest";
+        EXPECT_FALSE(add('b', 5)) << "replaced an entry of a full map";
+        stage.play(std::string("?a -a") + letter);
+        EXPECT_TRUE(add('b', 0));
+        EXPECT_FALSE(add('b', 0)) << "removed another entry than the lowest";
     }
 }
 
-TEST_F(Dispatch, AnExitCodeIsTheLastOneOfTheCycleAndLastsForOneCycle) {
-    for (const auto& [first, last] :
-         {std::pair{7, 7}, {-3146, -3146}, {-3147, -3147}, {-3148, -3148}, {1, 0}, {5, -3146}}) {
-        Receiver receiver('r', [&, code = first] { return receiver.selExit(code), false; });
-        Timer timer('t', [&, code = last] { return timer.selExit(code), 0; });
-        selector.addRead(&receiver, fds[0]);
-        selector.setTimer(&timer, first == last ? 0 : longAgo);
-        selector.setExitCode(99); // between cycles: lost
-        selector.cycle(last);
-        EXPECT_EQ(selector.cycle(), ".") << first << " outlived its cycle";
-    }
-}
-
-TEST_F(Dispatch, AFailedCycleCallsNobodyAndForgetsNothing) {
-    const int event = eventfd(0, 0);
-    const int closed = dup(event);
-    Receiver receiver('r'), gone('g');
-    Timer timer('t');
-    QELselector patient;
-    calls.clear();
+TEST(Dispatch, AFailedCycleCallsNobodyAndForgetsNothing) {
+    Stage stage;
     std::signal(SIGALRM, [](int) {});
     // Repeated, so that one arrives during the wait however slow the machine is.
     const itimerval interval{{0, 10'000}, {0, 10'000}};
     ASSERT_EQ(setitimer(ITIMER_REAL, &interval, nullptr), 0);
     for (int i = 0; i < 2; ++i) { // first with nothing to wait for
-        EXPECT_EQ(patient.runOnce(), -3148);
+        EXPECT_EQ(stage.selector->runOnce(), -3148);
         EXPECT_EQ(errno, EINTR);
-        patient.addRead(&receiver, event);
-        patient.setTimer(&timer, never);
+        stage.play("+T1e15");
     }
     std::signal(SIGALRM, SIG_IGN);
-    patient.addWrite(&gone, closed);
+    const int closed = dup(descriptors[0]);
+    stage.selector->addWrite(&stage.player('c'), closed);
     close(closed);
-    timer.setDeadline(longAgo);
-    EXPECT_EQ(eventfd_write(event, 1), 0);
-    EXPECT_EQ(patient.runOnce(), -3148);
+    stage.play("+ar0 +T1");
+    EXPECT_EQ(stage.selector->runOnce(), -3148);
     EXPECT_EQ(errno, EBADF);
-    EXPECT_EQ(calls, "");
-    gone.selRemoveWrite();
-    EXPECT_EQ(patient.runOnce(), 0);
-    EXPECT_EQ(calls, "rt");
-    close(event);
+    EXPECT_EQ(stage.calls, "");
+    stage.play("<cw =aT.");
 }
 
-TEST_F(Dispatch, TimersFireAtTheirDeadlineAndInListOrder) {
-    Timer far('f'), soon('s'), exact('e'), cancelled('c'), late('l', [] { return 0; });
-    Timer growing('g', [&] { // lengthens the list that is being walked
-        selector.setTimer(&soon, static_cast<std::uint64_t>(cycleTime) + 1);
-        selector.setTimer(&exact, static_cast<std::uint64_t>(cycleTime));
-        exact.action = soon.action = [] {
-            return 0;
-        };
-        return cancelled.cancel(), 0;
-    });
-    selector.setTimer(&far, never);
-    selector.setTimer(&late, longAgo + 1);
-    selector.setTimer(&growing, longAgo);
-    selector.setTimer(&cancelled, longAgo);
-    EXPECT_EQ(selector.cycle(), ".lge");
-    EXPECT_EQ(selector.cycle(), ".s");
-
-    // The disarmed and cancelled do not shorten the wait. It is more than a second, so that both
-    // parts of the timeout count.
-    selector.due.cancel();
-    soon.setDeadline(longAgo);
-    soon.cancel();
-    const std::int64_t end = QELselector::nowUs() + 1'020'000;
-    EXPECT_TRUE(exact.setTimeout(1'020'000));
-    EXPECT_EQ(selector.cycle(), "e");
-    EXPECT_GE(QELselector::nowUs(), end);
-}
-
-TEST_F(Dispatch, WhatACallbackDoesToItsOwnTimerHolds) {
-    std::unique_ptr<Timer> t;
-    struct Case {
-        std::function<std::uint64_t()> action;
-        bool attached, armed;
-        std::string second; // who is called in the second cycle
-    };
-    for (const Case& test : std::initializer_list<Case>{
-             {[&] { return 0; }, true, false, "."},
-             {[&] { return longAgo; }, true, true, ".t"},
-             {[&] { return t->setTimeout(0), 0; }, true, true, ".t"},
-             {[&] { return t->setDeadline(longAgo), never; }, true, true, "."},
-             {[&] { return t->setDeadline(0), 0; }, true, false, "."},
-             {[&] { return t->cancel(), longAgo; }, false, false, "."},
-             {[&] { return t->cancel(), selector.setTimer(t.get(), never), 1; }, true, true, "."},
-             {[&] { return t.reset(), longAgo; }, false, false, "."}}) {
-        t = std::make_unique<Timer>('t', [&] { return t->armed ? never : test.action(); });
-        EXPECT_FALSE(t->setDeadline(longAgo)) << "on no dispatcher yet";
-        selector.setTimer(t.get(), never);
-        EXPECT_TRUE(t->armed);
-        selector.setTimer(t.get(), longAgo); // moves the deadline, adds no second entry
-        EXPECT_EQ(selector.cycle(), ".t");
-        EXPECT_EQ(t && t->selector == &selector, test.attached);
-        EXPECT_EQ(t && t->armed, test.armed);
-        EXPECT_EQ(selector.cycle(), test.second);
-    }
-}
-
-TEST_F(Dispatch, DispatchersMayGoBeforeWhatIsOnThem) {
-    Receiver receiver('r'), moved('m');
-    Timer timer('t'), movedTimer('n');
-    auto gone = std::make_unique<Impatient>();
-    gone->addRead(&receiver, fds[0]);
-    gone->addWrite(&moved, fds[0]);
-    gone->setTimer(&timer, never);
-    gone->setTimer(&movedTimer, never);
-    selector.addRead(&moved, fds[0]);
-    selector.setTimer(&movedTimer, longAgo);
-    EXPECT_EQ(gone->cycle(), "r.");
-    gone.reset();
-    EXPECT_TRUE(receiver.selector == nullptr && moved.selector == &selector);
-    EXPECT_TRUE(timer.selector == nullptr && movedTimer.selector == &selector);
-    EXPECT_EQ(selector.cycle(), "m.n");
-}
-
-TEST_F(Dispatch, NullTimersAreAssertedAgainst) {
-    Timer cancelled('c');
-    selector.setTimer(&cancelled, never);
-    cancelled.cancel(); // leaves an entry that null would be taken for
-    EXPECT_DEATH(selector.setTimer(nullptr, longAgo), "timer != nullptr");
-    EXPECT_DEATH(selector.cancelTimer(nullptr), "timer != nullptr");
-}
-
-TEST(Clock, CountsMicrosecondsOfTheMonotonicClock) {
-    const std::int64_t before = QELselector::nowUs();
+TEST(Dispatch, WaitsUntilTheEarliestDeadlineThatIsStillSet) {
+    Stage stage;
+    EXPECT_FALSE(stage.player('E').setTimeout(1)) << "on no dispatcher yet";
+    stage.play("+F1e15 +E1 +S1 +S0 +C1 <C");
+    EXPECT_DEATH(stage.selector->setTimer(nullptr, 1), "timer != nullptr");
+    EXPECT_DEATH(stage.selector->cancelTimer(nullptr), "timer != nullptr"); // as C's entry is
+    const std::int64_t start = QELselector::nowUs();
+    EXPECT_TRUE(stage.player('E').setTimeout(1'020'000)); // of seconds and a part of one
+    EXPECT_EQ(stage.selector->runOnce(), 0);
+    EXPECT_GE(QELselector::nowUs(), start + 1'020'000);
+    EXPECT_EQ(stage.calls, "E");
     QELselector::sleepUs(3'000);
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    const std::int64_t between = now.tv_sec * 1'000'000LL + now.tv_nsec / 1'000;
-    EXPECT_TRUE(before + 3'000 <= between && between <= QELselector::nowUs());
+    const auto monotonic = std::chrono::steady_clock::now().time_since_epoch();
+    EXPECT_GE(monotonic, std::chrono::microseconds(start + 1'023'000));
+    EXPECT_LE(monotonic, std::chrono::microseconds(QELselector::nowUs() + 1));
 }
 
 } // namespace
