@@ -148,10 +148,10 @@ TEST(Dispatch, WhatACallbackDoesHoldsInTheSameCycle) {
 }
 
 TEST(Dispatch, DescriptorsOutsideTheSetsAndAnyWhenFullAreRefused) {
-    for (const auto& [letter, condition] : conditions) {
+    for (const auto& condition : conditions) {
         Stage stage;
         const auto add = [&](char name, std::int32_t descriptor) {
-            return (*stage.selector.*condition.add)(&stage.player(name), descriptor);
+            return (*stage.selector.*condition.second.add)(&stage.player(name), descriptor);
         };
         EXPECT_FALSE(add('a', -1) || add('a', 1024) || add('a', INT32_MIN) || add('a', INT32_MAX));
         stage.play("?");
@@ -159,7 +159,7 @@ TEST(Dispatch, DescriptorsOutsideTheSetsAndAnyWhenFullAreRefused) {
             ASSERT_TRUE(add('a', fd)) << fd;
         }
         EXPECT_FALSE(add('b', 5)) << "replaced an entry of a full map";
-        stage.play(std::string("?a -a") + letter);
+        stage.play(std::string("?a -a") + condition.first);
         EXPECT_TRUE(add('b', 0));
         EXPECT_FALSE(add('b', 0)) << "removed another entry than the lowest";
     }
