@@ -31,6 +31,7 @@ constexpr std::array<ComponentKey, 8> componentKeys = {{{'e', 'E', "shell"},
                                                         {'s', 'S', "sap"},
                                                         {'u', 'U', "ui"}}};
 
+/// Text only: onReady() says what a key does, and docs/hvlogger.1 where the two differ.
 constexpr std::array<std::string_view, 22> helpLines = {
     "Key Commands:",
     " ?   : Print this help text",
