@@ -4,17 +4,17 @@ Run by scripts/soak.sh. Ends with status 0 only if nothing is lost that the kern
 memory is flat after the store has filled, and the descriptors are back to the start's count.
 """
 
+import contextlib
 import multiprocessing
 import random
 import re
-import socket
 import subprocess
 import sys
 import threading
 import time
 
-from support.harness import (DEADLINE, MARKER, PORT, PROGRAM, SEND_ALL, WRITE_FILE, LogDevice, RawViewer, Server,
-                             await_true, dropped, message, status)
+from support.harness import (DEADLINE, MARKER, PROGRAM, SEND_ALL, WRITE_FILE, LogDevice, RawViewer, Server,
+                             await_true, dropped, message, send_datagrams, status)
 
 RATE = 2000
 ALLOWED_GROWTH_KIB = 512
@@ -36,10 +36,8 @@ def datagram(chance):
     text = "x" * int(chance.paretovariate(0.8) * 40) if kind < 0.9 else ""
     line = message(text[:6000], app=chance.choice(PROGRAMS), severity=chance.randrange(8),
                    facility=chance.randrange(26))
-    if kind < 0.9:
-        return line
-    return chance.choice([line * 5, b"hello", b"<14>", b"\n", b"\xff\x9b[2J" * 20, line[:20], chance.randbytes(300),
-                          b"<" * 3000, b"a\0b"])
+    return line if kind < 0.9 else chance.choice([line * 5, b"hello", b"<14>", b"\n", b"\xff\x9b[2J" * 20, line[:20],
+                                                  chance.randbytes(300), b"<" * 3000, b"a\0b"])
 
 
 def viewers(stop):
@@ -49,26 +47,21 @@ def viewers(stop):
         habit = chance.choice(["read", "read", "reset", "silent", "stall", "rubbish", "dump", "program"])
         stay = time.monotonic() + chance.random() * 3
         if habit == "program":
-            viewer = subprocess.Popen([PROGRAM, "client"], stdin=subprocess.PIPE, stdout=subprocess.DEVNULL,
-                                      stderr=subprocess.DEVNULL)
-            stop.wait(stay - time.monotonic())
-            viewer.kill()
-            viewer.communicate()
+            with subprocess.Popen([PROGRAM, "client"], stdin=subprocess.PIPE, stdout=subprocess.DEVNULL) as viewer:
+                stop.wait(stay - time.monotonic())
+                viewer.kill()
             continue
-        with RawViewer() as viewer:
+        with RawViewer() as viewer, contextlib.suppress(OSError):  # disconnected, as one that stalls may be
             viewer.socket.settimeout(1)
-            try:
-                viewer.socket.sendall({"silent": b"\1", "dump": WRITE_FILE, "rubbish": chance.randbytes(9000)}.get(
-                    habit, SEND_ALL))
-                while time.monotonic() < stay and not stop.is_set():
-                    if habit in ("stall", "silent"):
-                        stop.wait(0.1)
-                    elif not viewer.socket.recv(1 << 16):
-                        break
-                if habit == "reset":
-                    viewer.reset()
-            except OSError:
-                pass  # disconnected, as one that stalls may be
+            viewer.socket.sendall({"silent": b"\1", "dump": WRITE_FILE, "rubbish": chance.randbytes(9000)}.get(
+                habit, SEND_ALL))
+            while time.monotonic() < stay and not stop.is_set():
+                if habit in ("stall", "silent"):
+                    stop.wait(0.1)
+                elif not viewer.socket.recv(1 << 16):
+                    break
+            if habit == "reset":
+                viewer.reset()
 
 
 def main(seconds):
@@ -82,44 +75,35 @@ def main(seconds):
         at_start = len(server.descriptors())
         company = threading.Thread(target=viewers, args=(stop,))
         company.start()
-        sender = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-        sender.connect(("127.0.0.1", PORT))
-        start = report = time.monotonic()
+        start = time.monotonic()
         sent, memory = 0, []
         while (now := time.monotonic()) - start < seconds:
-            for _ in range(sent, int((now - start) * RATE)):
-                sender.send(datagram(chance))
-                sent += 1
+            due = int((now - start) * RATE)
+            send_datagrams(*[datagram(chance) for _ in range(sent, due)])
+            sent = due
             if chance.random() < 0.0005:
-                sender.send(b"" if chance.random() < 0.5 else b"dump " + MARKER)
+                send_datagrams(chance.choice([b"", b"dump " + MARKER]))
             if now - start > 20:
                 memory.append(status(pid))  # the store has filled by then
-            if now >= report + 10:
-                report = now
-                print(f"{now - start:6.0f} s: sent {sent}, dropped by the kernel {dropped()}, logged {logged[0]}, "
-                      f"told as skipped {logged[1]}, {status(pid)} KiB, {len(server.descriptors())} descriptors",
-                      flush=True)
             time.sleep(0.005)
         stop.set()
         company.join()
 
         end = time.monotonic() + DEADLINE
         while (lost := sent - dropped() - sum(logged)) and time.monotonic() < end:
-            sender.send(b"hello")  # a line that finds a place makes the server tell what it skipped before
+            send_datagrams(b"hello")  # a line that finds a place makes the server tell what it skipped before
             sent += 1
             time.sleep(0.05)
         await_true(lambda: len(server.descriptors()) <= at_start or server.process.poll() is not None, "viewers are gone")
-        third = len(memory) // 3
+        third, at_end = len(memory) // 3, len(server.descriptors())
         # Stalled viewers cost memory for a while; what may not grow is what is left between them.
         growth = min(memory[-third:]) - min(memory[:third])
-        at_end = len(server.descriptors())
-        print(f"sent {sent}, dropped by the kernel {dropped()}, logged {logged[0]}, told as skipped {logged[1]}, "
-              f"lost {lost}")
+        print(f"sent {sent}, dropped by the kernel {dropped()}, logged {logged[0]}, told as skipped {logged[1]}, lost {lost}")
         print(f"resident memory {min(memory)} to {max(memory)} KiB, grown by {growth} KiB between first and last third")
         print(f"descriptors {at_start} at the start, {at_end} at the end")
         good = lost == 0 and growth <= ALLOWED_GROWTH_KIB and at_end == at_start and server.process.poll() is None
         print("passed" if good else "FAILED")
-        return 0 if good else 1
+        sys.exit(not good)
 
 
-sys.exit(main(float(sys.argv[1]) if len(sys.argv) > 1 else 180))
+main(float(sys.argv[1]) if len(sys.argv) > 1 else 180)
