@@ -44,11 +44,6 @@ void sleepUntil(std::int64_t ns) {
     clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &until, nullptr);
 }
 
-[[noreturn]] void fail(const char* what) {
-    std::perror(what);
-    std::exit(1);
-}
-
 /// Datagrams of one length that are sent or received by one system call.
 struct Batch {
     explicit Batch(std::size_t newLength)
@@ -68,10 +63,8 @@ struct Batch {
 };
 
 template <typename Call, typename Address>
-void with(Call call, int fd, const Address& address, const char* what) {
-    if (call(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
-        fail(what);
-    }
+bool with(Call call, int fd, const Address& address) {
+    return call(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
 }
 
 sockaddr_in local(unsigned short port) {
@@ -94,7 +87,7 @@ int sendMessages(std::int64_t rate, std::int64_t count, std::size_t length) {
         batch.at(i)[start.size() + timeDigits] = ' ';
     }
     const int fd = socket(AF_INET, SOCK_DGRAM, 0);
-    with(connect, fd, local(loggerPort), "connect");
+    with(connect, fd, local(loggerPort));
     const std::int64_t begin = nowNs();
     for (std::int64_t sent = 0; sent < count;) {
         const std::int64_t now = nowNs();
@@ -110,7 +103,7 @@ int sendMessages(std::int64_t rate, std::int64_t count, std::size_t length) {
         }
         const int taken = sendmmsg(fd, batch.headers.data(), next, 0);
         if (taken < 0 && errno != ECONNREFUSED) {
-            fail("send");
+            return 1;
         }
         sent += std::max(taken, 0);
     }
@@ -121,7 +114,7 @@ int sendMessages(std::int64_t rate, std::int64_t count, std::size_t length) {
 /// How long the messages of a stream were under way.
 class Stream {
   public:
-    std::vector<std::int64_t> latenciesUs;
+    std::vector<long long> latenciesUs;
 
     void take(const char* bytes, std::size_t length) {
         const std::int64_t now = nowNs();
@@ -138,7 +131,7 @@ class Stream {
         kept.clear();
     }
 
-    std::int64_t quantile(std::size_t percent) {
+    long long quantile(std::size_t percent) {
         std::sort(latenciesUs.begin(), latenciesUs.end());
         return latenciesUs.empty() ? 0 : latenciesUs[latenciesUs.size() * percent / 100];
     }
@@ -147,17 +140,11 @@ class Stream {
     std::string kept;
 };
 
-void tell(const char* word) {
-    std::puts(word);
-    std::fflush(stdout);
-}
-
 int connectViewer(unsigned short port) {
     const int fd = socket(AF_INET, SOCK_STREAM, 0);
     if (port == loggerPort) {
-        tell("listening");
-        const sockaddr_in address = local(port);
-        while (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+        std::puts("listening");
+        while (!with(connect, fd, local(port))) {
             sleepUntil(nowNs() + 10'000'000);
         }
         const std::int32_t sendAll = 1;
@@ -165,9 +152,10 @@ int connectViewer(unsigned short port) {
     }
     const int on = 1;
     setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    with(bind, fd, local(port), "viewer");
-    listen(fd, 1);
-    tell("listening");
+    if (!with(bind, fd, local(port)) || listen(fd, 1) != 0) {
+        return -1;
+    }
+    std::puts("listening");
     return accept(fd, nullptr, nullptr);
 }
 
@@ -175,12 +163,14 @@ int sink(unsigned short port) {
     const sockaddr_un name{AF_UNIX, "/dev/log"};
     const int log = socket(AF_UNIX, SOCK_DGRAM, 0);
     unlink(name.sun_path);
-    with(bind, log, name, "/dev/log");
-    constexpr unsigned patienceSeconds = 20;
-    alarm(patienceSeconds);
+    const bool bound = with(bind, log, name);
+    alarm(20);
     const int viewer = connectViewer(port);
     alarm(0);
-    tell("ready");
+    if (!bound || viewer < 0) {
+        return 1;
+    }
+    std::puts("ready");
     Batch batch(9000);
     std::size_t logged = 0;
     Stream stream;
@@ -189,19 +179,14 @@ int sink(unsigned short port) {
     while (poll(watched.data(), watched.size(), -1) > 0) {
         if (watched[1].revents != 0) {
             const ssize_t got = recv(viewer, batch.at(0), batch.bytes.size(), MSG_DONTWAIT);
-            if (got == 0) {
-                watched[1].fd = -1;
-            } else if (got > 0) {
-                stream.take(batch.at(0), static_cast<std::size_t>(got));
-            }
+            stream.take(batch.at(0), static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
+            watched[1].fd = got == 0 ? -1 : viewer;
         }
         if (watched[0].revents != 0) {
             const int got = recvmmsg(log, batch.headers.data(), batchSize, MSG_DONTWAIT, nullptr);
-            for (int i = 0; i < got; ++i) {
+            for (std::size_t i = 0; i < static_cast<std::size_t>(std::max(got, 0)); ++i) {
                 // Not what a collector says of itself.
-                const auto index = static_cast<std::size_t>(i);
-                logged +=
-                    std::memchr(batch.at(index), mark, batch.headers[index].msg_len) != nullptr;
+                logged += std::memchr(batch.at(i), mark, batch.headers[i].msg_len) != nullptr;
             }
         }
         if (watched[2].revents != 0) {
@@ -209,9 +194,7 @@ int sink(unsigned short port) {
                 return 0;
             }
             std::printf("%zu %zu %lld %lld\n", logged, stream.latenciesUs.size(),
-                        static_cast<long long>(stream.quantile(50)),
-                        static_cast<long long>(stream.quantile(99)));
-            std::fflush(stdout);
+                        stream.quantile(50), stream.quantile(99));
             logged = 0;
             stream.latenciesUs.clear();
         }
@@ -223,6 +206,7 @@ int sink(unsigned short port) {
 
 int main(int argc, char** argv) {
     const std::string mode = argc > 1 ? argv[1] : "";
+    setlinebuf(stdout);
     if (mode == "send" && (argc == 4 || argc == 5)) {
         return sendMessages(std::atoll(argv[2]), std::atoll(argv[3]),
                             argc == 5 ? std::strtoul(argv[4], nullptr, 10) : usualLength);
