@@ -43,10 +43,6 @@ class Daemon:
     def stop(self):
         os.kill(self.process.pid, signal.SIGSTOP)
 
-    def go_on(self):
-        with contextlib.suppress(ProcessLookupError, AttributeError):
-            os.kill(self.process.pid, signal.SIGCONT)
-
     def end(self):
         self.process.kill()
         self.process.join()
@@ -99,7 +95,8 @@ def run(name, steps, flooders):
         for process in flood_of_others:
             process.kill()
         for daemon in daemons:
-            daemon.go_on()
+            if daemon.process.is_alive():
+                os.kill(daemon.process.pid, signal.SIGCONT)
         for sent in range(count, count + 100):
             time.sleep(0.02)
             passed, told = (sum(getattr(daemon, of).value for daemon in daemons) for of in ("passed", "told"))

@@ -87,8 +87,8 @@ Packet tooBig(const Packet& packet, std::size_t mtu) {
     return answer;
 }
 
+/// What an end that is down does not take is lost, as on any link.
 void give(int device, const Packet& packet) {
-    // What an end that is down does not take is lost, as on any link.
     static_cast<void>(!write(device, packet.data(), packet.size()));
 }
 
@@ -99,15 +99,12 @@ int main(int count, char** words) {
         std::puts("relay FAR_PID MBIT_PER_S ONE_WAY_MS LOSS_PERCENT PATH_MTU QUEUE_MS SEED");
         return 2;
     }
-    const auto number = [words](int at) {
-        return std::atof(words[at]);
-    };
-    const double nsPerByte = 8e3 / number(2);
-    const std::int64_t delayNs = std::llround(number(3) * 1e6);
-    std::bernoulli_distribution lost(number(4) / 100);
-    const auto pathMtu = static_cast<std::size_t>(number(5));
-    const std::int64_t queueNs = std::llround(number(6) * 1e6);
-    std::mt19937_64 random(static_cast<std::uint64_t>(number(7)));
+    const double nsPerByte = 8e3 / std::atof(words[2]);
+    const std::int64_t delayNs = std::llround(std::atof(words[3]) * 1e6);
+    std::bernoulli_distribution lost(std::atof(words[4]) / 100);
+    const auto pathMtu = std::strtoul(words[5], nullptr, 10);
+    const std::int64_t queueNs = std::llround(std::atof(words[6]) * 1e6);
+    std::mt19937_64 random(std::strtoul(words[7], nullptr, 10));
 
     const int near = openDevice();
     const int farSpace = open(("/proc/" + std::string(words[1]) + "/ns/net").c_str(), O_RDONLY);
@@ -130,7 +127,7 @@ int main(int count, char** words) {
         std::int64_t next = nowNs() + 1'000'000'000;
         for (Direction& way : ways) {
             ssize_t size = 0;
-            for (packet.resize(2048); (size = read(way.from, packet.data(), 2048)) > 0;) {
+            for (; (size = read(way.from, packet.data(), 2048)) > 0; packet.resize(2048)) {
                 packet.resize(static_cast<std::size_t>(size));
                 const std::int64_t start = std::max(nowNs(), way.busyUntil);
                 if (packet[0] >> 4 != 4) {
@@ -143,7 +140,6 @@ int main(int count, char** words) {
                         way.onTheWay.emplace_back(way.busyUntil + delayNs, packet);
                     }
                 }
-                packet.resize(2048);
             }
             while (!way.onTheWay.empty() && way.onTheWay.front().first <= nowNs()) {
                 latestNs = std::max(latestNs, nowNs() - way.onTheWay.front().first);
