@@ -80,7 +80,7 @@ int runClient(const char* invocationName, std::uint32_t address,
         const bool nothingMoreToCome =
             tcpClient.selector == nullptr && keyboard.selector == nullptr;
         const bool hungUp = keyboard.selector == nullptr && HVLoggerOutputWatch::readerHasGone();
-        if (keyboard.quitRequested || endSignals.caught != 0 || outputWatch.readerGone || hungUp ||
+        if (keyboard.quitRequested || endSignals.endRequested || outputWatch.readerGone || hungUp ||
             nothingMoreToCome) {
             return 0;
         }

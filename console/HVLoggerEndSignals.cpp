@@ -1,6 +1,7 @@
 #include "HVLoggerEndSignals.h"
 
 #include <initializer_list>
+#include <poll.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
 
@@ -22,20 +23,14 @@ HVLoggerEndSignals::~HVLoggerEndSignals() {
         close(descriptor);
     }
     sigprocmask(SIG_SETMASK, &before, nullptr);
-    if (caught != 0) {
-        static_cast<void>(raise(caught));
-    }
 }
 
-bool HVLoggerEndSignals::haveCome() {
-    signalfd_siginfo signal{};
-    if (read(descriptor, &signal, sizeof signal) == sizeof signal) {
-        caught = static_cast<int>(signal.ssi_signo);
-    }
-    return caught != 0;
+bool HVLoggerEndSignals::haveCome() const {
+    pollfd signals{descriptor, POLLIN, 0};
+    return poll(&signals, 1, 0) == 1;
 }
 
 bool HVLoggerEndSignals::onReady(std::int64_t /*nowUs*/) {
-    haveCome();
+    endRequested = true;
     return true;
 }

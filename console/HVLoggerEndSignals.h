@@ -9,11 +9,12 @@
 /// back first: while it lives they are blocked and wait in a descriptor (signalfd(2)), which it
 /// owns. No handler runs. What was ignored at the start stays ignored.
 ///
-/// Create it before all that is to be put back: its destructor unblocks the signals and, if one has
-/// come, lets it end the process, whose exit status tells it as ever.
+/// One that has come is never taken: the descriptor stays readable, so that nothing waits any more.
+/// Create it before all that is to be put back: its destructor unblocks the signals, and the one
+/// that waits ends the process, whose exit status tells it as ever.
 class HVLoggerEndSignals : public QELselRcv {
   public:
-    int caught = 0; ///< the signal that has come; 0 for none
+    bool endRequested = false; ///< a signal has come
 
     HVLoggerEndSignals();
     ~HVLoggerEndSignals() override;
@@ -24,10 +25,10 @@ class HVLoggerEndSignals : public QELselRcv {
     /// then.
     [[nodiscard]] int fd() const { return descriptor; }
 
-    /// Whether one has come by now: for a callback that cannot wait for the next cycle.
-    bool haveCome();
+    /// Whether one has come by now, also since the last cycle.
+    [[nodiscard]] bool haveCome() const;
 
-    /// Takes the signal; always true.
+    /// Sets endRequested; always true.
     bool onReady(std::int64_t nowUs) override;
 
   private:

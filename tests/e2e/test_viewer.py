@@ -1,6 +1,7 @@
 """The desk's side: the real client on a real terminal, exact bytes, keys, endings."""
 
 import contextlib
+import fcntl
 import os
 import re
 import signal
@@ -175,23 +176,19 @@ def test_full_disk_under_the_output(fake_server):
         assert viewer.rest() == b"standard output: No space left on device\n"
 
 
+@pytest.mark.parametrize("lines", [0, 50])
 @pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGHUP, signal.SIGINT, signal.SIGQUIT])
-def test_a_signal_puts_the_terminal_back_and_still_ends_the_viewer(fake_server, number):
-    with Viewer() as viewer:
-        fake_server.accept()
-        viewer.expect(viewer.GREETING)
-        viewer.process.send_signal(number)
-        assert (viewer.wait(), viewer.settings()) == (-number, viewer.before)
-
-
-def test_a_signal_ends_a_viewer_whose_output_nobody_reads(fake_server):
+def test_a_signal_puts_the_terminal_back_and_still_ends_the_viewer(number, lines, fake_server):
+    """Also when the same cycle has lines for an output that nobody reads."""
     reading, writing = os.pipe()
+    fcntl.fcntl(writing, fcntl.F_SETPIPE_SZ, 4096)
     with Viewer(stdout=writing) as viewer:
         fake_server.accept()
-        fake_server.connection.sendall(message("x" * 4000) * 100)
-        idle(viewer.process.pid)
-        viewer.process.send_signal(signal.SIGTERM)
-        assert (viewer.wait(), viewer.settings()) == (-signal.SIGTERM, viewer.before)
+        viewer.process.send_signal(signal.SIGSTOP)
+        fake_server.connection.sendall(message("x" * 4000) * lines)
+        viewer.process.send_signal(number)
+        viewer.process.send_signal(signal.SIGCONT)
+        assert (viewer.wait(), viewer.settings()) == (-number, viewer.before)
     os.close(reading)
     os.close(writing)
 
