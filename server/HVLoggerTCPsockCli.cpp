@@ -45,7 +45,6 @@ bool HVLoggerTCPsockCli::Connector::onReady(std::int64_t /*nowUs*/) {
         return false;
     }
     owner.state = stateConnected;
-    owner.setBlocking(true);
     keepAlive(owner.fd);
     owner.requestAll();
     return false;
