@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <iostream>
 #include <sys/stat.h>
+#include <termios.h>
 #include <unistd.h>
 
 void neverWait(int fd) {
@@ -11,8 +12,11 @@ void neverWait(int fd) {
     if (flags < 0 || fstat(fd, &status) != 0 || S_ISREG(status.st_mode)) {
         return; // a file takes everything, where its description stands
     }
-    const int own = open(("/proc/self/fd/" + std::to_string(fd)).c_str(),
-                         (flags & O_ACCMODE) | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    const int ownFlags = (flags & O_ACCMODE) | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;
+    int own = open(("/proc/self/fd/" + std::to_string(fd)).c_str(), ownFlags);
+    if (own < 0 && tcgetsid(fd) >= 0) {
+        own = open("/dev/tty", ownFlags); // the controlling terminal, whoever owns it
+    }
     if (own >= 0) {
         dup2(own, fd);
         close(own);

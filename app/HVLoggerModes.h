@@ -28,7 +28,8 @@ void onSignal(int signalNumber);
 /// Gives the standard stream @p fd, if it is a terminal or pipe, an open file description of its
 /// own that takes nothing rather than have its writer wait, without effect on other programs that
 /// share it. There is none to be had for a socket, as a service has it, nor for a pipe of another
-/// user, which are made non-blocking for all; those of a terminal of another user still wait.
+/// user, which are made non-blocking for all; those of another user's terminal still wait, unless
+/// it is the controlling one.
 void neverWait(int fd);
 
 /// Has @p dispatcher watch @p fd for reading. @return false, with a line on standard error, if it
