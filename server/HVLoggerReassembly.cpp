@@ -19,6 +19,13 @@ bool beginsMessage(std::string_view text) {
            offset == 0;
 }
 
+/// Whether a text may begin a message that has no header: its priority is not followed by a
+/// version.
+bool beginsHeaderless(std::string_view text) {
+    const std::size_t end = text.find_first_not_of("0123456789", 1);
+    return text.starts_with('<') && end != std::string_view::npos && end > 1 && text[end] == '>';
+}
+
 /// Where the last message of the text starts, looked for from its end back to @p from; 0 if none
 /// starts there.
 std::size_t lastMessageStart(std::string_view text, std::size_t from = 0) {
@@ -39,7 +46,7 @@ bool HVLoggerReassembly::isEndedBy(std::string_view batch) const {
 }
 
 std::string HVLoggerReassembly::take(std::string_view batch, const Link& link, std::int64_t nowUs) {
-    const bool continues = !beginsMessage(batch);
+    const bool continues = !beginsMessage(batch) && !(kept.empty() && beginsHeaderless(batch));
     // A continuation of what counted as whole: segments are smaller than was thought.
     segment = continues && kept.empty() ? link.segment : std::max(segment, link.segment);
     pauseUs -= pauseUs / 8;

@@ -10,7 +10,8 @@
 /// beginning of a message; owns that text and nothing else, neither socket nor timer.
 ///
 /// A batch that begins with a header and is smaller than a segment is whole: it ends where a send
-/// of the server did. Of any other batch the last message is kept, since nothing in it tells its
+/// of the server did. So is, while nothing is kept, one that begins with a priority only, as old
+/// devices write it. Of any other batch the last message is kept, since nothing in it tells its
 /// end. That is told later, by
 ///   - a batch that begins with a header; one that does not is the next piece of what is kept;
 ///   - the end of the connection;
