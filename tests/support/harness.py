@@ -1,10 +1,9 @@
-"""What the end-to-end tests and the benchmarks share: the real program, real sockets, a real terminal,
-a log device.
+"""What the end-to-end tests and the benchmarks share: real programs, sockets, terminals, a log device.
 
-HVLOGGER names the executable. Ports and paths are the program's fixed ones; tests/support/isolated.sh
-gives each test process its own.
+HVLOGGER names the executable. Ports and paths are fixed; tests/support/isolated.sh gives each test its own.
 """
 
+import contextlib
 import gzip
 import os
 import pathlib
@@ -19,7 +18,6 @@ import tempfile
 import termios
 import time
 
-import pexpect
 import pexpect.fdpexpect
 
 PROGRAM = os.path.abspath(os.environ["HVLOGGER"])
@@ -29,7 +27,6 @@ PORT = 50000
 DEADLINE = 60.0  # seconds until an awaited event counts as missing; sanitizers are slow
 SEND_ALL = struct.pack("=i", 1)
 WRITE_FILE = struct.pack("=i", 2)
-HYPHENS = b"-" * 32 + b"\r\n"
 MARKER = b"R4tNc8vLq2!&=^_"
 
 
@@ -44,7 +41,6 @@ def shown(text, app="sip", severity=6, pid="412", second=30):
 
 
 def await_true(condition, what):
-    """Waits until condition() is true and returns its value."""
     end = time.monotonic() + DEADLINE
     while not (value := condition()):
         if time.monotonic() > end:
@@ -62,7 +58,6 @@ def sockets(table):
 
 
 def listening():
-    """Whether some socket listens on the viewers' port."""
     return any(row[1] == PORT and row[3] == "0A" for row in sockets("tcp"))
 
 
@@ -77,21 +72,17 @@ def dropped():
 
 
 def status(pid, field="VmRSS"):
-    """A number of /proc/PID/status."""
     return int(re.search(rf"^{field}:\s+(\d+)", pathlib.Path(f"/proc/{pid}/status").read_text(), re.M)[1])
 
 
 def idle(pid):
     """Waits until the process sleeps, and is never found awake, nor having been awake, for a while. However busy the
     machine, one that waits passes and one that spins or polls does not."""
-    def sleeps():
-        looks = set()
-        for _ in range(10):
-            text = pathlib.Path(f"/proc/{pid}/status").read_text()
-            looks.add((re.search(r"State:\s+(\w)", text)[1], text[text.index("voluntary_ctxt_switches"):]))
-            time.sleep(0.002)
-        return len(looks) == 1 and looks.pop()[0] == "S"
-    return await_true(sleeps, "the process sleeps")
+    def look():
+        time.sleep(0.002)
+        text = pathlib.Path(f"/proc/{pid}/status").read_text()
+        return tuple(re.findall(r"^(?:State|.*_switches):\s+(\w+)", text, re.M))
+    await_true(lambda: (first := look())[0] == "S" and {look() for _ in range(9)} == {first}, "the process sleeps")
 
 
 def paced(rate, count):
@@ -126,11 +117,8 @@ def wait_for_dump(folder):
     return content
 
 
-class Entered:
+class Entered(contextlib.AbstractContextManager):
     """What is closed when it is left."""
-
-    def __enter__(self):
-        return self
 
     def __exit__(self, *_):
         self.close()
@@ -178,7 +166,6 @@ class Server(Entered):
         return self.output_path.read_bytes()
 
     def dump(self):
-        """Waits for the dump file that was asked for and returns its content."""
         return wait_for_dump(self.directory.name)
 
     def collect(self, *datagrams):
@@ -187,7 +174,6 @@ class Server(Entered):
         return self.dump()
 
     def descriptors(self):
-        """What is open but the standard descriptors."""
         return sorted(fd for fd in os.listdir(f"/proc/{self.process.pid}/fd") if int(fd) > 2)
 
     def jobs(self):
@@ -197,7 +183,6 @@ class Server(Entered):
         return int(found.stdout) - 1
 
     def stop(self, with_signal=signal.SIGINT):
-        """Ends the server and returns its exit status."""
         self.process.send_signal(with_signal)
         return self.process.wait(DEADLINE)
 
@@ -217,10 +202,8 @@ class RawViewer(Entered):
         self.socket.close()
 
     def send(self, data):
-        """Sends one batch, and waits until the server has taken it."""
         self.socket.sendall(data)
-        port = self.socket.getsockname()[1]
-        await_true(lambda: not unread(port), "the server reads the batch")
+        await_true(lambda: not unread(self.socket.getsockname()[1]), "the server reads the batch")
 
     def expect(self, data):
         """Reads until the stream so far is exactly data."""
@@ -239,7 +222,6 @@ class RawViewer(Entered):
         return bool(select.select([self.socket], [], [], 0)[0])
 
     def reset(self):
-        """Vanishes with a connection reset instead of an orderly close."""
         self.socket.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
         self.socket.close()
 
@@ -252,7 +234,6 @@ class FakeServer(Entered):
         self.listener.settimeout(DEADLINE)
 
     def accept(self):
-        """Accepts the viewer, which must ask for everything."""
         with self.listener:
             self.connection = self.listener.accept()[0]
         self.connection.settimeout(DEADLINE)
@@ -268,10 +249,9 @@ class Terminal(Entered):
 
     def __init__(self, *command, **popen):
         master, self.slave = pty.openpty()
-        settings = self.settings()
-        settings[1] &= ~termios.OPOST
-        termios.tcsetattr(self.slave, termios.TCSANOW, settings)
         self.before = self.settings()
+        self.before[1] &= ~termios.OPOST
+        termios.tcsetattr(self.slave, termios.TCSANOW, self.before)
         self.process = subprocess.Popen(command, start_new_session=True, **{
             "stdin": self.slave, "stdout": self.slave, "stderr": self.slave, **popen})
         self.screen = pexpect.fdpexpect.fdspawn(master, timeout=DEADLINE, maxread=1 << 16)
@@ -298,7 +278,6 @@ class Terminal(Entered):
         assert self.read_until(data) == data
 
     def press(self, key, data):
-        """Presses a key and expects what it prints."""
         self.keys(key)
         self.expect(data)
 
@@ -308,7 +287,7 @@ class Terminal(Entered):
         return self.screen.before
 
     def wait(self):
-        """Waits for the program's end while reading its output; returns the exit status."""
+        """Waits for the program's end while reading its output."""
         await_true(lambda: self.rest() is None or self.process.poll() is not None, "the program ends")
         return self.process.returncode
 
@@ -322,7 +301,7 @@ class Viewer(Terminal):
         super().__init__(PROGRAM, "client", *arguments, **popen)
 
     def quit(self):
-        """Ends with the key 'q'; the terminal must be as before. Returns the exit status."""
+        """Ends with the key 'q'; the terminal must be as before."""
         self.keys(b"q")
         exit_status = self.wait()
         assert self.settings() == self.before, "the terminal is not restored"
