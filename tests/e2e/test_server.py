@@ -5,9 +5,7 @@ import os
 import pathlib
 import pty
 import resource
-import select
 import signal
-import socket
 import termios
 
 import pytest
@@ -70,6 +68,9 @@ def test_viewers_come_and_go(server):
 def test_one_viewer_at_a_time_and_waiting_costs_nothing(server):
     with RawViewer() as first, RawViewer() as second:
         await_true(lambda: len(server.descriptors()) == 4, "the first one is accepted")
+        for fd in server.descriptors():  # log port, system log, listening socket, viewer: no dump job inherits them
+            flags = pathlib.Path(f"/proc/{server.process.pid}/fdinfo/{fd}").read_text().split("flags:")[1].split()[0]
+            assert int(flags, 8) & os.O_CLOEXEC
         server.collect(message("one"))  # while it keeps silent
         first.expect(message("one"))
         first.send(SEND_ALL)
@@ -98,19 +99,16 @@ def test_stalled_viewer_gets_everything_later_or_is_dropped(server):
     messages = [message(f"{n:05} {'x' * 4700}") for n in range(1800)]
 
     def collect(some):
-        """No faster than the server takes them: its receive queue is never full."""
         for start in range(0, len(some), 16):
             send_datagrams(*some[start:start + 16])
             await_true(lambda: not unread(0, "udp"), "the server goes on collecting")
 
-    # More than the socket buffers take, less than is kept for it; even if it has ended its side.
+    # More than the socket buffers take, less than is kept for it.
     with RawViewer(receive_buffer=4096) as stalled:
         stalled.send(SEND_ALL)
         collect(messages[:900])
-        stalled.socket.shutdown(socket.SHUT_WR)
         idle(server.process.pid)
         stalled.expect(b"".join(messages[:900]))
-        assert stalled.socket.recv(1) == b""
     # Far more than is kept: it is disconnected, and the next viewer gets the newest 1 MiB.
     with RawViewer(receive_buffer=4096) as stalled:
         stalled.send(SEND_ALL)
@@ -118,13 +116,6 @@ def test_stalled_viewer_gets_everything_later_or_is_dropped(server):
         with RawViewer() as viewer:
             viewer.send(SEND_ALL)
             viewer.expect(b"".join(messages[-((1 << 20) // len(messages[0])):]))
-
-
-def test_no_descriptor_is_inherited_by_dump_jobs(server, viewer):
-    viewer.log("m")
-    flags = [pathlib.Path(f"/proc/{server.process.pid}/fdinfo/{fd}").read_text() for fd in server.descriptors()]
-    assert len(flags) == 4  # log port, system log, listening socket, viewer
-    assert all(int(text.split("flags:")[1].split()[0], 8) & 0o2000000 for text in flags)
 
 
 @pytest.mark.parametrize("how", [signal.SIGINT, signal.SIGKILL])
@@ -138,32 +129,16 @@ def test_server_that_ended_with_a_viewer_connected_starts_again(how):
                 server.stop(how)
 
 
-def stopped_terminal():
+def test_output_that_stands_still_costs_its_texts_alone():
     reader, writer = pty.openpty()
     termios.tcflow(writer, termios.TCOOFF)
-    return reader, writer, lambda: termios.tcflow(writer, termios.TCOON)
-
-
-def full_pipe():
-    reader, writer = os.pipe()
-    os.set_blocking(writer, False)
-    with contextlib.suppress(BlockingIOError):
-        while True:
-            os.write(writer, bytes(4096))
-    os.set_blocking(writer, True)
-    return reader, writer, lambda: os.read(reader, 1 << 20)
-
-
-@pytest.mark.parametrize("standing_still", [stopped_terminal, full_pipe])
-def test_output_that_stands_still_costs_its_texts_alone(standing_still):
-    reader, writer, resume = standing_still()
     with Server(preexec_fn=lambda: [os.dup2(writer, fd) for fd in (1, 2)]) as server:
         RawViewer().socket.close()
         assert server.collect(message("m")).count(b"\n") == 1
         assert os.get_blocking(writer)  # for the others who have it
-        resume()
+        termios.tcflow(writer, termios.TCOON)
         idle(server.process.pid)
         server.stop()
-    texts = []
-    await_true(lambda: select.select([reader], [], [], 0)[0] and
-               (texts.append(os.read(reader, 4096)) or b"Select error -3148" in b"".join(texts)), "later texts appear")
+    text = b""
+    while b"Select error -3148" not in text:
+        text += os.read(reader, 4096)
