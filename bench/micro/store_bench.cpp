@@ -1,7 +1,7 @@
 // What the message store costs: taking a message in, a whole listing in, a listing out.
 
 #include "QELloggerSyslogFmt.h"
-#include "support/allocations.h"
+#include "allocations.h"
 
 #include <benchmark/benchmark.h>
 

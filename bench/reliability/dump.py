@@ -4,7 +4,8 @@ import pathlib
 import subprocess
 import time
 
-from support.harness import (MARKER, SEND_ALL, WRITE_FILE, RawViewer, Server, await_true, paced, send_datagrams)
+from pace import paced
+from support.harness import (MARKER, SEND_ALL, WRITE_FILE, RawViewer, Server, await_true, send_datagrams)
 
 DUMP = pathlib.Path("/tmp/logger.txt")
 

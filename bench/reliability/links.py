@@ -10,7 +10,8 @@ import select
 import subprocess
 import time
 
-from support.harness import PROGRAM, Server, await_true, dropped, message, paced, send_datagrams, shown, unread
+from pace import paced
+from support.harness import PROGRAM, Server, await_true, dropped, message, send_datagrams, shown, unread
 
 RELAY = pathlib.Path(__file__).parents[2] / "build-bench/bench/reliability/relay"
 HERE, THERE = "10.99.0.1", "10.99.0.2"

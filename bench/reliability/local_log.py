@@ -10,7 +10,8 @@ import signal
 import socket
 import time
 
-from support.harness import SEND_ALL, RawViewer, Server, dropped, message, paced, send_datagrams
+from pace import paced
+from support.harness import SEND_ALL, RawViewer, Server, dropped, message, send_datagrams
 
 RATE, SECONDS = 5_000, 4
 fork = multiprocessing.get_context("fork")

@@ -11,7 +11,8 @@ import sys
 import time
 
 from links import HERE, STORED, THERE, Screen, fill, link, text
-from support.harness import (PROGRAM, SEND_ALL, RawViewer, Server, Viewer, await_true, dropped, message, paced,
+from pace import paced
+from support.harness import (PROGRAM, SEND_ALL, RawViewer, Server, Viewer, await_true, dropped, message,
                              send_datagrams, status)
 
 PATIENCE = 150

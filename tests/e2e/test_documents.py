@@ -85,8 +85,3 @@ def test_the_lines_for_cpp_compile():
 def test_what_is_for_other_programs_is_well_formed(command):
     check = subprocess.run(command, capture_output=True, text=True, input=fenced(SECURITY, "nft"))
     assert check.returncode == 0, check.stderr
-
-
-def test_the_picture_is_what_the_viewer_shows(tmp_path):
-    subprocess.run([sys.executable, "-B", TOP / "docs/picture.py", tmp_path / "viewer.svg"], check=True)
-    assert (tmp_path / "viewer.svg").read_text() == (TOP / "docs/viewer.svg").read_text()

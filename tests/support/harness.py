@@ -85,16 +85,6 @@ def idle(pid):
     await_true(lambda: (first := look())[0] == "S" and {look() for _ in range(9)} == {first}, "the process sleeps")
 
 
-def paced(rate, count):
-    """Yields the numbers up to count in ranges, each when it is due at so many a second."""
-    start, done = time.monotonic(), 0
-    while done < count:
-        due = min(int((time.monotonic() - start) * rate), count)
-        yield range(done, due)
-        done = due
-        time.sleep(0.001)
-
-
 def send_datagrams(*datagrams, address="127.0.0.1"):
     with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as sender:
         for datagram in datagrams:
