@@ -33,6 +33,13 @@ class HVLoggerReassembly {
     static constexpr std::int64_t longestRepairUs = 3'000'000;
     /// More than this is no message: it is handed over, whole or not.
     static constexpr std::size_t keptLimit = 0x10000;
+    /// What every usual path carries: IPv6 and tunnels leave at least 1,280 bytes, headers
+    /// included.
+    static constexpr std::size_t usualSegment = 1'200;
+
+    /// @param least  segments count as so large until one that arrives is seen to be larger or a
+    ///               message to be cut below; else each line longer than all before it would wait
+    explicit HVLoggerReassembly(std::size_t least = usualSegment) : segment(least) {}
 
     /// Whether @p batch begins a message, which makes what is kept whole: release() that first.
     [[nodiscard]] bool isEndedBy(std::string_view batch) const;
@@ -58,7 +65,7 @@ class HVLoggerReassembly {
     [[nodiscard]] bool isWhole(std::string_view batch) const;
 
     std::string kept;           // begins with a header, unless only a piece has come
-    std::size_t segment = 0;    // the largest that was seen
+    std::size_t segment;        // the largest that was seen
     std::int64_t silenceUs = 0; // that counts as the end of a message
     std::int64_t pauseUs = 0;   // the longest within a message, lately
     std::int64_t quietSinceUs = 0;
