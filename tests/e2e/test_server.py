@@ -134,6 +134,7 @@ def test_output_that_stands_still_costs_its_texts_alone():
     termios.tcflow(writer, termios.TCOOFF)
     with Server(preexec_fn=lambda: [os.dup2(writer, fd) for fd in (1, 2)]) as server:
         RawViewer().socket.close()
+        idle(server.process.pid)  # it has said that the viewer has gone
         assert server.collect(message("m")).count(b"\n") == 1
         assert os.get_blocking(writer)  # for the others who have it
         termios.tcflow(writer, termios.TCOON)
