@@ -197,6 +197,7 @@ TEST_F(TcpServer, MissingDestinationsOfMessagesAreReportedAndUnknownTypesIgnored
 TEST_F(TcpServer, WhatACycleHasForTheViewerLeavesInOneSendAndInOrderWhereverThatIsCut) {
     const std::string one = "<14>1 t d ui 1 - one"; // not listed
     const std::string two = "<14>1 t d ui 1 - two";
+    const std::string all = one + listing + two;
     const std::int32_t command = HVLoggerTCPsock::cmdSendAll;
     EXPECT_EQ(option(server.connFd, IPPROTO_TCP, TCP_NODELAY), 1); // nor does an end wait
     for (std::size_t cut = 0; cut < one.size() + listing.size(); ++cut) {
@@ -209,7 +210,7 @@ TEST_F(TcpServer, WhatACycleHasForTheViewerLeavesInOneSendAndInOrderWhereverThat
         cycle();
         EXPECT_EQ(takes.size(), 0U);
         cycle();
-        expectArrived(one + listing + two);
+        expectArrived(all);
     }
 }
 
