@@ -41,7 +41,8 @@ class HVLoggerReassembly {
     ///               message to be cut below; else each line longer than all before it would wait
     explicit HVLoggerReassembly(std::size_t least = usualSegment) : segment(least) {}
 
-    /// Whether @p batch begins a message, which makes what is kept whole: release() that first.
+    /// Whether @p batch begins a message, which makes what is kept whole: release() that first,
+    /// since what is without a header would be lost in front of this one.
     [[nodiscard]] bool isEndedBy(std::string_view batch) const;
 
     /// Takes what was read. @return what is whole, of what was kept and of the batch, maybe nothing
