@@ -78,7 +78,7 @@ TEST(Reassembly, KeepsOnlyWhatMayGoOnForAsLongAsTheLinkMayPause) {
         {9000, 50, 0, {line + "<"}, 1, 0},
         {9000, 50, 0, {line + line}, 1, 15'000}, // maybe a piece of a listing
         {1448, 50, 0, {headerless, headerless}, 2, 0},
-        {1, 50, 0, {headerless, next}, 2, 0}, // not joined: before a header it would be no message
+        {1, 50, 0, {headerless, header}, 2, 0}, // not joined: it would be no message
         {1448, 50'000, 0, {"z"}, 0, 125'000},
         {1448, 1'000'000, 0, {"z"}, 0, 300'000},
         {1448, 50, 100'000, {"z", "late: learned"}, 0, 200'000},
