@@ -188,7 +188,9 @@ def test_goes_on_on_a_terminal_that_another_program_made_non_blocking(fake_serve
     texts = [f"{n:06} {'.' * 90}" for n in range(5000)]
     with Viewer() as viewer:
         os.set_blocking(viewer.slave, False)
+        full = os.write(viewer.slave, bytes(1 << 16))
         fake_server.accept()
         fake_server.connection.sendall(b"".join(map(message, texts)))
-        viewer.expect(viewer.GREETING + b"".join(map(shown, texts)))
+        idle(viewer.process.pid)
+        viewer.expect(bytes(full) + viewer.GREETING + b"".join(map(shown, texts)))
         assert viewer.quit() == 0
