@@ -114,16 +114,6 @@ def test_plain_viewer_without_a_keyboard(path, fake_server):
         assert (process.wait(DEADLINE), read()) == (0, b"")
 
 
-def test_keyboard_ends_after_the_server(fake_server):
-    with plain_viewer(subprocess.PIPE) as (process, read):
-        fake_server.accept()
-        fake_server.close()
-        expect_stream(read, Viewer.GREETING + b"Rcv: nothing\r\n")
-        process.stdin.close()
-        expect_stream(read, HYPHENS)
-        assert (process.wait(DEADLINE), read()) == (0, b"")
-
-
 @pytest.mark.parametrize("more_lines", [0, 1])
 def test_reader_of_the_output_gone(more_lines, fake_server):
     """`hvlogger client | head -1`: ends at once, also when no further line comes."""

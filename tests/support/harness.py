@@ -85,10 +85,10 @@ def idle(pid):
     await_true(lambda: (first := look())[0] == "S" and {look() for _ in range(9)} == {first}, "the process sleeps")
 
 
-def send_datagrams(*datagrams, address="127.0.0.1"):
+def send_datagrams(*datagrams):
     with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as sender:
         for datagram in datagrams:
-            sender.sendto(datagram, (address, PORT))
+            sender.sendto(datagram, ("127.0.0.1", PORT))
 
 
 def expect_stream(read, data, received=b""):
@@ -130,10 +130,6 @@ class LogDevice(Entered):
 
     def record(self):
         return self.socket.recv(65536)
-
-    def silent(self):
-        """Whether nothing is waiting; only meaningful after a later event was seen."""
-        return not select.select([self.socket], [], [], 0)[0]
 
 
 class Server(Entered):
@@ -180,12 +176,12 @@ class Server(Entered):
 class RawViewer(Entered):
     """A viewer written elsewhere: the bare protocol."""
 
-    def __init__(self, address="127.0.0.1", receive_buffer=None):
+    def __init__(self, receive_buffer=None):
         self.socket = socket.socket()
         if receive_buffer:
             self.socket.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, receive_buffer)
         self.socket.settimeout(DEADLINE)
-        self.socket.connect((address, PORT))
+        self.socket.connect(("127.0.0.1", PORT))
         self.received = b""
 
     def close(self):

@@ -2,7 +2,6 @@
 # isolated.sh COMMAND...: runs a command with ports, /tmp and /dev/log of its own, so that it neither
 # meets nor disturbs anything else on the machine. Where the system does not allow that, the command
 # runs as it is, with HVLOGGER_SHARED=1 in its environment.
-# Python finds tests/support as the package "support".
 set -eu
 
 if [ "${1-}" = --inside ]; then
@@ -10,18 +9,13 @@ if [ "${1-}" = --inside ]; then
     ip link set lo up
     # Private layers: what is there stays visible, what is written stays here.
     mount -t tmpfs tmpfs /mnt
-    mkdir /mnt/up /mnt/work /mnt/dev
+    mkdir -p /mnt/up /mnt/work /mnt/dev/net /mnt/dev/pts /mnt/dev/shm
     mount -t overlay overlay -o lowerdir=/tmp,upperdir=/mnt/up,workdir=/mnt/work /tmp
-    for node in null zero full random urandom tty; do
+    for node in null zero full random urandom tty net/tun; do
+        [ -e /dev/$node ] || continue
         : >/mnt/dev/$node
         mount --bind /dev/$node /mnt/dev/$node
     done
-    if [ -e /dev/net/tun ]; then
-        mkdir /mnt/dev/net
-        : >/mnt/dev/net/tun
-        mount --bind /dev/net/tun /mnt/dev/net/tun
-    fi
-    mkdir /mnt/dev/pts /mnt/dev/shm
     mount -t devpts -o newinstance,ptmxmode=0666,mode=0620 devpts /mnt/dev/pts
     mount --bind /dev/shm /mnt/dev/shm
     ln -s pts/ptmx /mnt/dev/ptmx
