@@ -4,12 +4,15 @@ import contextlib
 import pathlib
 import re
 import select
+import subprocess
+import sys
 from socket import AF_UNIX, SOCK_DGRAM, SOCK_STREAM, socket
 
 import pytest
 from support.harness import LOG_DEVICE_TAKEN
 
 pytestmark = pytest.mark.skipif(LOG_DEVICE_TAKEN, reason="/dev/log cannot be this test's own")
+FLOOD = "import socket\nlog = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)\nlog.connect('/dev/log')\nwhile True: log.send(b'flood')"
 TOLD = rb"<44>.{16}hvlogger\[\d+\]: (1(?= line was )|\d+(?= lines were )) lines? w\w+ not passed on to the local log"
 
 
@@ -50,17 +53,20 @@ def test_lines_reach_whoever_has_the_name_of_the_log(viewer):
 
 
 @pytest.mark.parametrize("reads", [0, 1], ids=["stopped", "slow"])
-@pytest.mark.parametrize("behind", [1, 2, 300])
+@pytest.mark.parametrize("behind, others", [(1, 0), (2, 0), (300, 0), (300, 5)])
 @pytest.mark.parametrize("successor", [None, SOCK_DGRAM, SOCK_STREAM])
-def test_a_log_that_is_behind_stops_nothing(reads, behind, successor, viewer):
+def test_a_log_that_is_behind_stops_nothing(reads, behind, others, successor, viewer):
     logs = [Log(SOCK_DGRAM)]
     with socket(AF_UNIX, SOCK_DGRAM) as other, contextlib.suppress(BlockingIOError):
         other.setblocking(False)
         while True:
             other.sendto(b"fills the queue", "/dev/log")
-    for sent in range(1, behind + 1):
-        viewer.log(str(sent))
-        logs[0].account(reads)
+    with contextlib.ExitStack() as stack:
+        for _ in range(others):
+            stack.callback(stack.enter_context(subprocess.Popen([sys.executable, "-c", FLOOD])).kill)
+        for sent in range(1, behind + 1):
+            viewer.log(str(sent))
+            logs[0].account(reads)
     logs += [Log(successor)] if successor else []
     while sum(log.account() for log in logs) < sent < 2000:
         viewer.log(str(sent := sent + 1))
