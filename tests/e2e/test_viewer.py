@@ -1,6 +1,5 @@
 """The desk's side: the real client on a real terminal, exact bytes, keys, endings."""
 
-import contextlib
 import fcntl
 import os
 import signal
@@ -10,7 +9,7 @@ import subprocess
 import termios
 
 import pytest
-from support.harness import (DEADLINE, PORT, PROGRAM, Viewer, await_true, expect_stream, idle, message, send_datagrams,
+from support.harness import (PORT, Viewer, await_true, expect_stream, idle, message, send_datagrams,
                              shown, sockets, wait_for_dump)
 
 HYPHENS = b"-" * 32 + b"\r\n"
@@ -72,7 +71,7 @@ def test_control_characters_reach_files_and_pipes_but_no_terminal(server, tmp_pa
         assert viewer.quit() == 0
     # The keyboard is a terminal, what is shown goes to a pipe.
     with Viewer(stdout=subprocess.PIPE) as viewer, viewer.process.stdout as output:
-        expect_stream(lambda: os.read(output.fileno(), 65536), viewer.GREETING + shown(hostile, pid="\x1b[31m") * 2)
+        expect_stream(output.read1, viewer.GREETING + shown(hostile, pid="\x1b[31m") * 2)
         assert viewer.quit() == 0
 
 
@@ -90,28 +89,19 @@ def test_server_gone_leaves_the_keyboard_working(linger, report, fake_server, te
     assert terminal_viewer.quit() == 0
 
 
-@contextlib.contextmanager
-def plain_viewer(stdin):
-    """`hvlogger client <... | ...`, with the reader of its output."""
-    with subprocess.Popen([PROGRAM, "client"], stdin=stdin, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL) as process:
-        yield process, lambda: os.read(process.stdout.fileno(), 65536)
-        process.kill()
-
-
 @pytest.mark.parametrize("path", ["/dev/null", "/"])
 def test_plain_viewer_without_a_keyboard(path, fake_server):
     """Shows, never spins, ends with the server; also when its input cannot be read at all."""
     stdin = os.open(path, os.O_RDONLY)
-    with plain_viewer(stdin) as (process, read):
+    with Viewer(stdin=stdin, stdout=subprocess.PIPE) as viewer, viewer.process.stdout as output:
         os.close(stdin)
         fake_server.accept()
-        expect_stream(read, Viewer.GREETING + HYPHENS)
+        expect_stream(output.read1, Viewer.GREETING + HYPHENS)
         fake_server.connection.sendall(message("one"))
-        expect_stream(read, shown("one"))
-        idle(process.pid)
+        expect_stream(output.read1, shown("one"))
+        idle(viewer.process.pid)
         fake_server.close()
-        expect_stream(read, b"Rcv: nothing\r\n")
-        assert (process.wait(DEADLINE), read()) == (0, b"")
+        assert (output.read(), viewer.wait()) == (b"Rcv: nothing\r\n", 0)
 
 
 @pytest.mark.parametrize("more_lines", [0, 1])
@@ -122,8 +112,10 @@ def test_reader_of_the_output_gone(more_lines, fake_server):
         os.close(writing)
         fake_server.accept()
         expect_stream(lambda: os.read(reading, 100), Viewer.GREETING)
+        viewer.process.send_signal(signal.SIGSTOP)  # to meet both in one cycle
         os.close(reading)
         fake_server.connection.sendall(message("line") * more_lines)
+        viewer.process.send_signal(signal.SIGCONT)
         assert (viewer.wait(), viewer.settings()) == (0, viewer.before)
 
 
@@ -166,21 +158,24 @@ def test_keys_act_while_a_host_does_not_answer(silent_host):
 
 
 def test_end_of_input_does_not_end_the_attempt(silent_host):
-    with plain_viewer(subprocess.DEVNULL) as (process, read):
+    with Viewer(stdin=subprocess.DEVNULL, stdout=subprocess.PIPE) as viewer, viewer.process.stdout as output:
         await_true(lambda: any(row[2:4] == (PORT, "02") for row in sockets("tcp")), "the viewer connects")
-        idle(process.pid)
+        idle(viewer.process.pid)
         silent_host.accept()[0].close()
         with silent_host.accept()[0]:
-            expect_stream(read, Viewer.GREETING + HYPHENS)
+            expect_stream(output.read1, Viewer.GREETING + HYPHENS)
 
 
-def test_goes_on_on_a_terminal_that_another_program_made_non_blocking(fake_server):
+def test_goes_on_where_another_program_made_its_full_output_non_blocking(fake_server):
     texts = [f"{n:06} {'.' * 90}" for n in range(5000)]
-    with Viewer() as viewer:
-        os.set_blocking(viewer.slave, False)
-        full = os.write(viewer.slave, bytes(1 << 16))
+    reading, writing = os.pipe()
+    os.set_blocking(writing, False)
+    full = os.write(writing, bytes(1 << 20))
+    with Viewer(stdout=writing) as viewer:
         fake_server.accept()
         fake_server.connection.sendall(b"".join(map(message, texts)))
         idle(viewer.process.pid)
-        viewer.expect(bytes(full) + viewer.GREETING + b"".join(map(shown, texts)))
+        expect_stream(lambda: os.read(reading, 65536), bytes(full) + Viewer.GREETING + b"".join(map(shown, texts)))
         assert viewer.quit() == 0
+    os.close(reading)
+    os.close(writing)
