@@ -22,6 +22,7 @@ int runClient(const char* invocationName, std::uint32_t address,
               const std::vector<std::string>& programNames) {
     HVLoggerEndSignals endSignals; // first: last to go
     neverWait(STDOUT_FILENO);
+    neverWait(STDERR_FILENO);
     HVLoggerOutput output(std::cout, STDOUT_FILENO, endSignals.fd());
     std::optional<HVLoggerTerminalFilter> terminalFilter;
     if (isatty(STDOUT_FILENO) != 0) {

@@ -19,7 +19,7 @@ passes each on to the local system log, and serves one viewer over TCP. The
 viewer shows them on a terminal, filtered by single keys.")
 if(CMAKE_CROSSCOMPILING)
   # Debian's cross compilers bring libraries that dpkg knows under other names only.
-  set(CPACK_DEBIAN_PROGRAM_PACKAGE_DEPENDS "libc6 (>= 2.34), libgcc-s1, libstdc++6 (>= 12)")
+  set(CPACK_DEBIAN_PROGRAM_PACKAGE_DEPENDS "libc6 (>= 2.36)")
 else()
   set(CPACK_DEBIAN_PROGRAM_PACKAGE_SHLIBDEPS ON)
 endif()

@@ -44,8 +44,8 @@ void HVLoggerListener::onLogMessage(const char* text, int /*length*/) {
     append(datagram);
 
     // The system log gets the datagram as one record, whatever the store made of it.
-    std::string messageText;
-    std::string identity;
+    messageText.clear();
+    identity.clear();
     std::int32_t facility = 0;
     std::int32_t severity = 0;
     getText(datagram, messageText);

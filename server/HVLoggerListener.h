@@ -40,4 +40,6 @@ class HVLoggerListener : public QELlogger5srvSel::Listener, public QELloggerSysl
 
   private:
     HVLoggerLocalLog localLog{devLog};
+    std::string messageText; ///< of the present datagram; its memory serves all
+    std::string identity;    ///< of the present datagram
 };

@@ -58,7 +58,8 @@ std::string HVLoggerReassembly::take(std::string_view batch, const Link& link, s
 
     // A header may begin in what is kept and end in the batch.
     const std::size_t searched = kept.size() - std::min(kept.size(), longestHeader);
-    std::string text = release().append(batch);
+    std::string text = release();
+    text.append(batch);
     if (continues || !isWhole(batch)) {
         const std::size_t last = lastMessageStart(text, searched);
         if (last == 0 && text.size() <= keptLimit) {

@@ -52,9 +52,9 @@ bool HVLoggerTCPsockCli::Connector::onReady(std::int64_t /*nowUs*/) {
 
 bool HVLoggerTCPsockCli::onReady(std::int64_t nowUs) {
     connFd = fd;
-    char buffer[batchLimit];
-    const int received = receiveData(buffer, sizeof buffer);
-    rxData.assign(buffer, buffer + std::max(received, 0));
+    rxData.resize(batchLimit);
+    const int received = receiveData(rxData.data(), batchLimit);
+    rxData.resize(static_cast<std::size_t>(std::max(received, 0)));
     const std::string_view batch(rxData.data(), rxData.size());
     if (received <= 0 || reassembly.isEndedBy(batch)) {
         handOver(reassembly.release());

@@ -114,7 +114,7 @@ void HVLoggerTCPsockSrv::forwardNewest() {
     if (state != stateConnected || viewerEnded) {
         return;
     }
-    std::string newest;
+    newest.clear();
     mediator->notify(idListener, msgGetNewestRaw, &newest);
     sendToViewer(std::move(newest));
 }

@@ -82,6 +82,7 @@ class HVLoggerTCPsockSrv : public HVLoggerTCPsock {
     void hangUpIfDone();
     void hangUp();
 
+    std::string newest;       // what is being forwarded; its memory serves all messages
     bool viewerEnded = false; // nothing more comes from the viewer, but it may still read
     HVLoggerOutbox outbox{[this] {
         hangUpIfDone();

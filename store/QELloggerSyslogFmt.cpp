@@ -6,7 +6,6 @@
 #include <cstddef>
 #include <iostream>
 #include <limits>
-#include <optional>
 
 namespace {
 
@@ -14,36 +13,41 @@ constexpr std::string_view textMark = " - ";
 constexpr std::string_view lineEnd = "\r\n";
 
 // Positions of the fields, counted in blanks from the start of the message.
-constexpr int timestampToken = 1;
-constexpr int appNameToken = 3;
-constexpr int procIdToken = 4;
+constexpr std::size_t timestampToken = 1;
+constexpr std::size_t appNameToken = 3;
+constexpr std::size_t procIdToken = 4;
 
 constexpr bool isDigit(char c) {
     return c >= '0' && c <= '9';
 }
 
-/// The k-th token, if the blank that ends it exists.
-std::optional<std::string_view> token(std::string_view message, int k) {
-    std::size_t begin = 0;
-    for (;; --k) {
-        const std::size_t blank = message.find(' ', begin);
+/// The first tokens. @return how many there are: one counts only if the blank that ends it exists
+template <std::size_t count>
+std::size_t split(std::string_view message, std::array<std::string_view, count>& tokens) {
+    std::size_t found = 0;
+    for (std::size_t blank = 0; found < count; message.remove_prefix(blank + 1)) {
+        blank = message.find(' ');
         if (blank == std::string_view::npos) {
-            return std::nullopt;
+            break;
         }
-        if (k == 0) {
-            return message.substr(begin, blank - begin);
-        }
-        begin = blank + 1;
+        tokens[found++] = message.substr(0, blank);
     }
+    return found;
 }
 
-int getToken(std::string_view message, int k, std::string& out) {
-    const auto found = token(message, k);
-    if (!found) {
+template <std::size_t position> int getToken(std::string_view message, std::string& out) {
+    std::array<std::string_view, position + 1> tokens;
+    if (split(message, tokens) <= position) {
         return -1;
     }
-    out = *found;
+    out = tokens[position];
     return 0;
+}
+
+/// What separates date and time, and ends them, becomes a blank.
+void showAsTime(std::string& timestamp) {
+    std::replace_if(
+        timestamp.begin(), timestamp.end(), [](char c) { return c == 'T' || c == 'Z'; }, ' ');
 }
 
 /// Appends the display line; the caller has checked the filters.
@@ -68,6 +72,9 @@ void QELloggerSyslogFmt::addComponents(std::uint32_t newCapacity,
 
 void QELloggerSyslogFmt::append(std::string_view text) {
     std::string echo; // written at once: a listing is thousands of lines
+    if (consoleEcho) {
+        echo.reserve(text.size());
+    }
     for (bool more = true; more;) {
         std::size_t start = 0;
         std::size_t end = text.size();
@@ -182,8 +189,8 @@ std::size_t QELloggerSyslogFmt::allMessages(std::string& out, bool formatted) co
     return out.size();
 }
 
-std::string QELloggerSyslogFmt::newestRaw() const {
-    return messages.empty() ? std::string() : messages.back().raw;
+std::string_view QELloggerSyslogFmt::newestRaw() const {
+    return messages.empty() ? std::string_view() : messages.back().raw;
 }
 
 int QELloggerSyslogFmt::writeFile(const char* path) const {
@@ -229,11 +236,15 @@ bool QELloggerSyslogFmt::findMessage(std::string_view text, std::size_t& start, 
 }
 
 bool QELloggerSyslogFmt::extract(std::string_view message, QELloggerSyslogMsg& record) {
+    std::array<std::string_view, procIdToken + 1> tokens;
     if (parsePriority(message, record.facility, record.severity) < 0 ||
-        getAppName(message, record.appName) != 0 || getProcId(message, record.procId) != 0 ||
-        getTimestamp(message, record.timestamp) != 0 || getText(message, record.text) != 0) {
+        split(message, tokens) < tokens.size() || getText(message, record.text) != 0) {
         return false;
     }
+    record.appName = tokens[appNameToken];
+    record.procId = tokens[procIdToken];
+    record.timestamp = tokens[timestampToken];
+    showAsTime(record.timestamp);
     record.raw = message;
     return true;
 }
@@ -257,19 +268,18 @@ int QELloggerSyslogFmt::parsePriority(std::string_view message, std::int32_t& fa
 }
 
 int QELloggerSyslogFmt::getAppName(std::string_view message, std::string& appName) {
-    return getToken(message, appNameToken, appName);
+    return getToken<appNameToken>(message, appName);
 }
 
 int QELloggerSyslogFmt::getProcId(std::string_view message, std::string& procId) {
-    return getToken(message, procIdToken, procId);
+    return getToken<procIdToken>(message, procId);
 }
 
 int QELloggerSyslogFmt::getTimestamp(std::string_view message, std::string& timestamp) {
-    if (getToken(message, timestampToken, timestamp) != 0) {
+    if (getToken<timestampToken>(message, timestamp) != 0) {
         return -1;
     }
-    std::replace_if(
-        timestamp.begin(), timestamp.end(), [](char c) { return c == 'T' || c == 'Z'; }, ' ');
+    showAsTime(timestamp);
     return 0;
 }
 

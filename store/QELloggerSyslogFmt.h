@@ -82,8 +82,8 @@ class QELloggerSyslogFmt {
     std::size_t allMessages(std::string& out, bool formatted) const;
 
     /// The raw text of the newest message, whether or not it passes the filters; empty if the store
-    /// is.
-    [[nodiscard]] std::string newestRaw() const;
+    /// is. Valid until the store changes.
+    [[nodiscard]] std::string_view newestRaw() const;
 
     /// Writes all messages, unfiltered, oldest first, to the file @p path: QELloggerDump::write().
     /// @return a QELloggerDump::Result
