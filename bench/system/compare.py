@@ -2,13 +2,12 @@
 same, and the smallest of the old road), each taking messages on UDP and passing every one to the local
 log socket and to one TCP viewer.
 
-    bench/run.sh compare [--rounds N] [--only ROW] [--before EXECUTABLE] [--json FILE]
+    bench/run.sh compare [--rounds N] [--only ROW] [--before EXECUTABLE]
 
 Prints medians over the rounds; in brackets, how many times it hvlogger's figure is.
 """
 import argparse
 import contextlib
-import json
 import math
 import os
 import pathlib
@@ -21,11 +20,10 @@ import sys
 import tempfile
 import time
 
-from support.harness import PORT, PROGRAM, LogDevice, status
+from support.harness import (PORT, PROGRAM, SEND_ALL, Entered, LogDevice, RawViewer, await_true, listening, message,
+                             send_datagrams, status)
 
-ROOT = pathlib.Path(__file__).resolve().parents[2]
-BUILD = ROOT / "build-bench/bench/system"
-SINK_PORT = 50001
+BUILD = pathlib.Path("build-bench/bench/system")
 QUIET = 0.4  # seconds after which nothing more comes
 # Not everything here can be started while connections of what ran before linger on its port.
 pathlib.Path("/proc/sys/net/ipv4/tcp_max_tw_buckets").write_text("0")
@@ -47,42 +45,45 @@ log { source(in); destination(local); destination(viewer); };
 """
 
 
-class LeftOut(Exception):
-    """Why a round tells nothing."""
+class System(Entered):
+    """A log collector and how it is started; entered, it runs with what reads its log and its stream. A failed
+    assertion tells why a round is left out."""
 
+    def __init__(self, name, *command, environment=None):
+        self.name, self.command, self.environment = name, command, {**os.environ, **(environment or {})}
 
-class System:
-    """A log collector and how it is started; entered, it runs with its sinks."""
-
-    def __init__(self, name, *command, port=PORT, environment=None):
-        self.name, self.command, self.port = name, [*map(str, command)], port
-        self.environment = {**os.environ, **(environment or {})}
+    @contextlib.contextmanager
+    def started(self):
+        with subprocess.Popen(self.command, env=self.environment, stdout=subprocess.DEVNULL,
+                              stderr=subprocess.DEVNULL) as process:
+            try:
+                yield process
+            finally:
+                process.kill()
 
     def __enter__(self):
-        self.sink = subprocess.Popen([BUILD / "load", "sink", str(self.port)], text=True, bufsize=1,
-                                     stdin=subprocess.PIPE, stdout=subprocess.PIPE)
-        self.sink.stdout.readline()
-        self.process = subprocess.Popen(self.command, env=self.environment, stdout=subprocess.DEVNULL,
-                                        stderr=subprocess.DEVNULL)
-        try:
-            while not select.select([self.sink.stdout], [], [], 0.1)[0] and self.process.poll() is None:
-                if self.port == SINK_PORT:  # some connect only when they have something to send
-                    send(100, 1)
-            if self.process.poll() is not None or self.sink.stdout.readline() != "ready\n":
-                raise LeftOut("it does not start")
+        with contextlib.ExitStack() as stack:
+            log = stack.enter_context(LogDevice()).socket
+            listener = stack.enter_context(socket.create_server(("127.0.0.1", 50001)))
+            self.process = stack.enter_context(self.started())
+            viewer = stack.enter_context(await_true(lambda: self.viewer(listener), "the viewer is connected"))
+            descriptors = log.fileno(), viewer.fileno()
+            self.sink = stack.enter_context(subprocess.Popen(
+                [BUILD / "load", "sink", *map(str, descriptors)], pass_fds=descriptors, text=True, bufsize=1,
+                stdin=subprocess.PIPE, stdout=subprocess.PIPE))
             self.collect(math.inf)
-        except BaseException:
-            self.__exit__()
-            raise
+            self.close = stack.pop_all().close
         return self
 
-    def __exit__(self, *_):
-        self.process.kill()
-        self.process.wait()
-        self.sink.stdin.close()
-        self.sink.wait()
-        self.sink.stdout.close()
-        pathlib.Path("/dev/log").unlink()
+    def viewer(self, listener):
+        """The viewer's connection: some wait for it, others make it once they have something to send."""
+        assert self.process.poll() is None, "it does not start"
+        if listening():
+            viewer = RawViewer().socket
+            viewer.sendall(SEND_ALL)
+            return viewer
+        send_datagrams(message(""))
+        return select.select([listener], [], [], 0.1)[0] and listener.accept()[0]
 
     def collect(self, count):
         """Waits until log and viewer have `count` messages each, or nothing more comes. Returns the smaller
@@ -103,20 +104,19 @@ class System:
     def offer(self, rate, count):
         """Sends so many, and returns how many arrived."""
         self.offered_in = send(rate, count)
-        if rate and self.offered_in > 1.1 * count / rate + 0.05:
-            raise LeftOut(f"the sender took {self.offered_in:.2f} s for {count / rate:.2f}")
+        assert not rate or self.offered_in <= 1.1 * count / rate + 0.05, f"sending took {self.offered_in:.2f} s"
         return self.collect(count)[0]
 
     def processor_seconds(self):
         return time.clock_gettime((~self.process.pid) << 3 | 2)  # clock_getcpuclockid(3)
 
     def resident_mib(self):
-        return status(self.process.pid, "VmRSS") / 1024
+        return status(self.process.pid) / 1024
 
 
-def send(rate, count, *length):
+def send(rate, count, length=147):
     """Returns the seconds that sending took."""
-    return float(subprocess.check_output([BUILD / "load", "send", *map(str, (rate, count, *length))]))
+    return float(subprocess.check_output([BUILD / "load", "send", *map(str, (rate, count, length))]))
 
 
 def processor_time(rate):
@@ -126,8 +126,7 @@ def processor_time(rate):
             before, count = system.processor_seconds(), 2 * rate
             arrived = system.offer(rate, count)
             # A machine that has other things to do now and then drops a few.
-            if arrived < 0.99 * count:
-                raise LeftOut(f"only {arrived} of {count} arrived")
+            assert arrived >= 0.99 * count, f"only {arrived} of {count} arrived"
             return [(system.processor_seconds() - before) / arrived * 1e6]
     return measure
 
@@ -145,7 +144,7 @@ def highest(high, step, received_whole):
 
 def lossless_rate(system):
     def carried(rate):
-        with contextlib.suppress(LeftOut):  # what could not be offered was not carried
+        with contextlib.suppress(AssertionError):  # what could not be offered was not carried
             return system.offer(rate, rate) >= rate
 
     with system:
@@ -182,25 +181,17 @@ def memory(system):
         return full, system.resident_mib()
 
 
-def start(system):
+def first_message(system):
     """From starting the system to the sending of the first message that reached the local log."""
     def once():
         with LogDevice() as log, socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as sender:
             begin = time.monotonic()
-            pid = os.posix_spawn(system.command[0], system.command, system.environment, file_actions=[
-                (os.POSIX_SPAWN_OPEN, 1, os.devnull, os.O_WRONLY, 0), (os.POSIX_SPAWN_DUP2, 1, 2)])
-            try:
+            with system.started():
                 while time.monotonic() < begin + 20:
-                    sender.sendto(b"<14>1 2024-03-05T10:20:30.123Z dev01 sip 412 - - @%.6f" % time.monotonic(),
-                                  ("127.0.0.1", PORT))
-                    time.sleep(0.0001)
-                    while select.select([log.socket], [], [], 0)[0]:
-                        if b"@" in (record := log.record()):
-                            return (float(record.split(b"@")[1]) - begin) * 1e3
-                raise LeftOut("nothing was taken")
-            finally:
-                os.kill(pid, 9)
-                os.waitpid(pid, 0)
+                    sender.sendto(message(f"- @{time.monotonic():.6f}"), ("127.0.0.1", PORT))
+                    if select.select([log.socket], [], [], 0.0001)[0] and b"@" in (record := log.record()):
+                        return (float(record.split(b"@")[1]) - begin) * 1e3
+        raise AssertionError("nothing was taken")
     return [statistics.median(once() for _ in range(5))]
 
 
@@ -212,7 +203,7 @@ ROWS = [
     (["latency to the viewer p50, us", "latency to the viewer p99, us"], latencies),
     (["burst received whole, messages"], burst),
     (["resident with a full store, MiB", "resident after an overload, MiB"], memory),
-    (["start to the first message taken, ms"], start),
+    (["start to the first message taken, ms"], first_message),
 ]
 
 
@@ -224,35 +215,31 @@ def systems(before, folder):
     yield System("old floor", BUILD / "floor", "old")
     if rsyslogd := shutil.which("rsyslogd", path=os.environ["PATH"] + ":/usr/sbin"):
         (folder / "rsyslog.conf").write_text(RSYSLOG)
-        yield System("rsyslog", rsyslogd, "-n", "-iNONE", "-f", folder / "rsyslog.conf", port=SINK_PORT)
-    unpacked = ROOT / "build/peers/usr"
+        yield System("rsyslog", rsyslogd, "-n", "-iNONE", "-f", folder / "rsyslog.conf")
+    unpacked = pathlib.Path("build/peers/usr")
     if syslog_ng := shutil.which("syslog-ng", path=f"{unpacked / 'sbin'}:{os.environ['PATH']}"):
         (folder / "syslog-ng.conf").write_text(SYSLOG_NG)
         modules = [f"--module-path={path}" for path in unpacked.glob("lib/syslog-ng/[0-9]*")]
-        yield System("syslog-ng", syslog_ng, "-F", "--no-caps", "-f", folder / "syslog-ng.conf", "-R", folder / "persist",
-                     "-p", folder / "pid", "-c", folder / "ctl", *modules, port=SINK_PORT,
+        yield System("syslog-ng", syslog_ng, "-F", "--no-caps", "-f", folder / "syslog-ng.conf", "-p", folder / "pid",
+                     "-R", folder / "persist", "-c", folder / "ctl", *modules,
                      environment={"LD_LIBRARY_PATH": str(unpacked / "lib/syslog-ng")})
 
 
 def options(description):
     parser = argparse.ArgumentParser(prog="bench/run.sh", description=description.split("\n\n")[0])
     parser.add_argument("--rounds", type=int, default=3)
-    parser.add_argument("--json", type=pathlib.Path, help="write medians and rounds to this file")
     parser.add_argument("--before", help="another build of hvlogger, for a column of its own")
     return parser
 
 
-def report(values, arguments):
+def report(values, rounds):
     """Prints the medians of {row: {column: [a value a round]}} as a table."""
     columns = list(dict.fromkeys(column for row in values.values() for column in row))
-    medians = {name: {column: statistics.median(row.get(column) or [math.nan]) for column in columns}
-               for name, row in values.items()}
-    print(f"{f'medians of {arguments.rounds}':42}" + "".join(f"{column:>17}" for column in columns))
-    for name, row in medians.items():
-        cells = (f"{value:,.1f} ({row['hvlogger'] / value if value else math.nan:.2f})" for value in row.values())
+    print(f"{f'medians of {rounds}':42}" + "".join(f"{column:>17}" for column in columns))
+    for name, row in values.items():
+        medians = [statistics.median(row.get(column) or [math.nan]) for column in columns]
+        cells = (f"{value:,.1f} ({medians[0] / value if value else math.nan:.2f})" for value in medians)
         print(f"{name:42}" + "".join(f"{cell:>17}" for cell in cells))
-    if arguments.json:
-        arguments.json.write_text(json.dumps({"medians": medians, "rounds": values}, indent=1))
 
 
 def main():
@@ -268,14 +255,13 @@ def main():
                 for system in compared:
                     try:
                         measured = measure(system)
-                    except (LeftOut, OSError, ValueError, subprocess.SubprocessError) as reason:
+                    except (AssertionError, OSError, ValueError, subprocess.SubprocessError) as reason:
                         print(f"round {number + 1}: {names[0]}: {system.name} left out: {reason}", file=sys.stderr)
                         continue
                     print(f"round {number + 1}: {', '.join(names)}: {system.name} {measured}", file=sys.stderr)
                     for name, value in zip(names, measured):
                         values[name][system.name].append(value)
-
-    report(values, arguments)
+    report(values, arguments.rounds)
 
 
 if __name__ == "__main__":

@@ -77,21 +77,14 @@ int main(int argc, char** argv) {
         fd_set ready;
         FD_ZERO(&ready);
         FD_SET(udp, &ready);
-        const int second = viewer < 0 ? tcp : viewer;
-        FD_SET(second, &ready);
-        if (pselect(second + 1, &ready, nullptr, nullptr, nullptr, nullptr) < 0) {
+        FD_SET(tcp, &ready);
+        if (pselect(tcp + 1, &ready, nullptr, nullptr, nullptr, nullptr) < 0) {
             return 1;
         }
-        if (FD_ISSET(second, &ready)) {
-            if (viewer >= 0) {
-                if (recv(viewer, came.data(), came.size(), 0) <= 0) {
-                    return 0;
-                }
-            } else {
-                viewer = accept(tcp, nullptr, nullptr);
-                const int noDelay = old ? 0 : 1;
-                setsockopt(viewer, IPPROTO_TCP, TCP_NODELAY, &noDelay, sizeof noDelay);
-            }
+        if (FD_ISSET(tcp, &ready)) {
+            viewer = accept(tcp, nullptr, nullptr);
+            const int noDelay = old ? 0 : 1;
+            setsockopt(viewer, IPPROTO_TCP, TCP_NODELAY, &noDelay, sizeof noDelay);
         }
         if (!FD_ISSET(udp, &ready)) {
             continue;

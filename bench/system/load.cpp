@@ -1,53 +1,49 @@
 // What bench/run.sh compare and its neighbours put around a log collector, cheap enough not to be
 // the bottleneck on two cores. Each message carries when it was sent (CLOCK_MONOTONIC).
-//   load send RATE COUNT [LENGTH]
-//                  COUNT messages of LENGTH (147) bytes to port 50000 at RATE a second; RATE 0: as
-//                  one burst. Prints the seconds that it took.
-//   load sink PORT reads /dev/log and a viewer's stream: connects to PORT and asks for all if it is
-//                  50000, otherwise waits there for the collector's connection; 20 s at most. For
-//                  each line on standard input prints how many messages came on either since the
-//                  last one, and the latency to the viewer: p50 and p99 in us.
+//   load send RATE COUNT LENGTH
+//                  COUNT messages of LENGTH bytes to port 50000 at RATE a second; RATE 0: as one
+//                  burst. Prints the seconds that it took.
+//   load sink LOG VIEWER
+//                  reads these two descriptors, a log socket and a viewer's connection. For each
+//                  line on standard input prints how many messages came on either since the last
+//                  one, and the latency to the viewer: p50 and p99 in us.
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <charconv>
+#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
 #include <netinet/in.h>
 #include <poll.h>
 #include <string>
 #include <string_view>
 #include <sys/socket.h>
-#include <sys/un.h>
+#include <thread>
 #include <unistd.h>
 #include <vector>
 
 namespace {
 
 constexpr unsigned short loggerPort = 50000;
-constexpr std::size_t usualLength = 147;
 constexpr std::string_view start = "<14>1 2024-03-05T10:20:30.123456Z dev01 sip 412 - - @";
 constexpr char mark = '@'; // before the time; nowhere else in a message
 constexpr std::size_t timeDigits = 19;
 constexpr unsigned batchSize = 64;
 
+/// Counted from so long ago that it has always as many digits.
 std::int64_t nowNs() {
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return std::int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec;
-}
-
-void sleepUntil(std::int64_t ns) {
-    const timespec until{ns / 1'000'000'000, ns % 1'000'000'000};
-    clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &until, nullptr);
+    constexpr std::int64_t longAgo = 1'000'000'000'000'000'000;
+    return longAgo +
+           std::chrono::nanoseconds(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
 
 /// Datagrams of one length that are sent or received by one system call.
 struct Batch {
     explicit Batch(std::size_t newLength)
-        : length(newLength), bytes(batchSize * length), parts(batchSize), headers(batchSize) {
+        : length(newLength), bytes(batchSize * length, 'x'), parts(batchSize), headers(batchSize) {
         for (std::size_t i = 0; i < batchSize; ++i) {
             parts[i] = {at(i), length};
             headers[i].msg_hdr.msg_iov = &parts[i];
@@ -62,32 +58,16 @@ struct Batch {
     std::vector<mmsghdr> headers;
 };
 
-template <typename Call, typename Address>
-bool with(Call call, int fd, const Address& address) {
-    return call(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
-}
-
-sockaddr_in local(unsigned short port) {
-    return {AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
-}
-
-void stamp(char* message) {
-    std::int64_t now = nowNs();
-    for (std::size_t digit = timeDigits; digit-- > 0; now /= 10) {
-        message[start.size() + digit] = static_cast<char>('0' + now % 10);
-    }
-}
-
 int sendMessages(std::int64_t rate, std::int64_t count, std::size_t length) {
     constexpr std::int64_t tickNs = 500'000;
     Batch batch(length);
-    std::fill(batch.bytes.begin(), batch.bytes.end(), 'x');
     for (std::size_t i = 0; i < batchSize; ++i) {
         std::copy(start.begin(), start.end(), batch.at(i));
         batch.at(i)[start.size() + timeDigits] = ' ';
     }
     const int fd = socket(AF_INET, SOCK_DGRAM, 0);
-    with(connect, fd, local(loggerPort));
+    const sockaddr_in logger{AF_INET, htons(loggerPort), {htonl(INADDR_LOOPBACK)}, {}};
+    connect(fd, reinterpret_cast<const sockaddr*>(&logger), sizeof logger);
     const std::int64_t begin = nowNs();
     for (std::int64_t sent = 0; sent < count;) {
         const std::int64_t now = nowNs();
@@ -95,11 +75,13 @@ int sendMessages(std::int64_t rate, std::int64_t count, std::size_t length) {
             rate == 0 ? count : std::min(count, 1 + (now - begin) * rate / 1'000'000'000);
         const auto next = static_cast<unsigned>(std::min<std::int64_t>(batchSize, due - sent));
         if (next == 0) {
-            sleepUntil(std::max(now + tickNs, begin + sent * 1'000'000'000 / rate));
+            const std::int64_t nextDue = begin + sent * 1'000'000'000 / rate;
+            std::this_thread::sleep_for(std::chrono::nanoseconds(std::max(tickNs, nextDue - now)));
             continue;
         }
         for (unsigned i = 0; i < next; ++i) {
-            stamp(batch.at(i));
+            char* const time = batch.at(i) + start.size();
+            std::to_chars(time, time + timeDigits, nowNs());
         }
         const int taken = sendmmsg(fd, batch.headers.data(), next, 0);
         if (taken < 0 && errno != ECONNREFUSED) {
@@ -111,75 +93,33 @@ int sendMessages(std::int64_t rate, std::int64_t count, std::size_t length) {
     return 0;
 }
 
-/// How long the messages of a stream were under way.
-class Stream {
-  public:
-    std::vector<long long> latenciesUs;
-
-    void take(const char* bytes, std::size_t length) {
-        const std::int64_t now = nowNs();
-        kept.append(bytes, length);
-        std::size_t position = 0;
-        while ((position = kept.find(mark, position)) != std::string::npos) {
-            if (kept.size() - position <= timeDigits) {
-                kept.erase(0, position);
-                return;
-            }
-            latenciesUs.push_back((now - std::atoll(kept.data() + position + 1)) / 1000);
-            position += timeDigits;
-        }
-        kept.clear();
+/// Takes the messages out of a stream and notes how long they were under way.
+void takeMessages(std::string& stream, std::vector<std::int64_t>& latenciesNs) {
+    const std::int64_t now = nowNs();
+    std::size_t at = stream.find(mark);
+    while (at != std::string::npos && at + timeDigits < stream.size()) {
+        latenciesNs.push_back(now - std::atoll(&stream[at + 1]));
+        at = stream.find(mark, at + timeDigits);
     }
-
-    long long quantile(std::size_t percent) {
-        std::sort(latenciesUs.begin(), latenciesUs.end());
-        return latenciesUs.empty() ? 0 : latenciesUs[latenciesUs.size() * percent / 100];
-    }
-
-  private:
-    std::string kept;
-};
-
-int connectViewer(unsigned short port) {
-    const int fd = socket(AF_INET, SOCK_STREAM, 0);
-    if (port == loggerPort) {
-        std::puts("listening");
-        while (!with(connect, fd, local(port))) {
-            sleepUntil(nowNs() + 10'000'000);
-        }
-        const std::int32_t sendAll = 1;
-        return write(fd, &sendAll, sizeof sendAll) == sizeof sendAll ? fd : -1;
-    }
-    const int on = 1;
-    setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    if (!with(bind, fd, local(port)) || listen(fd, 1) != 0) {
-        return -1;
-    }
-    std::puts("listening");
-    return accept(fd, nullptr, nullptr);
+    stream.erase(0, at);
 }
 
-int sink(unsigned short port) {
-    const sockaddr_un name{AF_UNIX, "/dev/log"};
-    const int log = socket(AF_UNIX, SOCK_DGRAM, 0);
-    unlink(name.sun_path);
-    const bool bound = with(bind, log, name);
-    alarm(20);
-    const int viewer = connectViewer(port);
-    alarm(0);
-    if (!bound || viewer < 0) {
-        return 1;
-    }
-    std::puts("ready");
+int sink(int log, int viewer) {
     Batch batch(9000);
     std::size_t logged = 0;
-    Stream stream;
+    std::string stream;
+    std::vector<std::int64_t> latenciesNs;
+    const auto quantileUs = [&](std::size_t percent) {
+        std::sort(latenciesNs.begin(), latenciesNs.end());
+        return latenciesNs.empty() ? 0 : latenciesNs[latenciesNs.size() * percent / 100] / 1000;
+    };
     std::array<pollfd, 3> watched{
         {{log, POLLIN, 0}, {viewer, POLLIN, 0}, {STDIN_FILENO, POLLIN, 0}}};
     while (poll(watched.data(), watched.size(), -1) > 0) {
         if (watched[1].revents != 0) {
             const ssize_t got = recv(viewer, batch.at(0), batch.bytes.size(), MSG_DONTWAIT);
-            stream.take(batch.at(0), static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
+            stream.append(batch.at(0), static_cast<std::size_t>(std::max<ssize_t>(got, 0)));
+            takeMessages(stream, latenciesNs);
             watched[1].fd = got == 0 ? -1 : viewer;
         }
         if (watched[0].revents != 0) {
@@ -193,10 +133,12 @@ int sink(unsigned short port) {
             if (read(STDIN_FILENO, batch.at(0), batch.length) <= 0) {
                 return 0;
             }
-            std::printf("%zu %zu %lld %lld\n", logged, stream.latenciesUs.size(),
-                        stream.quantile(50), stream.quantile(99));
+            std::printf("%zu %zu %lld %lld\n", logged, latenciesNs.size(),
+                        static_cast<long long>(quantileUs(50)),
+                        static_cast<long long>(quantileUs(99)));
+            std::fflush(stdout);
             logged = 0;
-            stream.latenciesUs.clear();
+            latenciesNs.clear();
         }
     }
     return 1;
@@ -205,15 +147,13 @@ int sink(unsigned short port) {
 } // namespace
 
 int main(int argc, char** argv) {
-    const std::string mode = argc > 1 ? argv[1] : "";
-    setlinebuf(stdout);
-    if (mode == "send" && (argc == 4 || argc == 5)) {
-        return sendMessages(std::atoll(argv[2]), std::atoll(argv[3]),
-                            argc == 5 ? std::strtoul(argv[4], nullptr, 10) : usualLength);
+    const std::vector<std::string> words(argv + 1, argv + argc);
+    if (words.size() == 4 && words[0] == "send") {
+        return sendMessages(std::stoll(words[1]), std::stoll(words[2]), std::stoul(words[3]));
     }
-    if (mode == "sink" && argc == 3) {
-        return sink(static_cast<unsigned short>(std::atoi(argv[2])));
+    if (words.size() == 3 && words[0] == "sink") {
+        return sink(std::stoi(words[1]), std::stoi(words[2]));
     }
-    std::fputs("load send RATE COUNT [LENGTH] | sink PORT\n", stderr);
+    std::fputs("load send RATE COUNT LENGTH | sink LOG VIEWER\n", stderr);
     return 1;
 }
