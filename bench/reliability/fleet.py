@@ -8,7 +8,6 @@ import time
 
 from support.harness import PORT, PROGRAM, await_true, message
 
-CONFIGURATIONS = pathlib.Path(__file__).parents[2] / "examples/fleet"
 AWAY = 3000  # lines of a device meanwhile: more than its queue holds in memory
 IN_MEMORY = 1000 + 128 + 100  # at most in no file: the queue's, a batch being sent, those since the checkpoint
 
@@ -30,27 +29,27 @@ SENDER = "import sys; from support.harness import send_datagrams; send_datagrams
 
 
 class Machine:
-    """Namespaces of its own, where rsyslog is started and killed."""
+    """Namespaces of its own, where programs are started and killed."""
 
     def __init__(self, stack, name, centre_address):
         self.stack, self.name, self.sent = stack, name, []
-        self.process = stack.enter_context(subprocess.Popen(
-            ["unshare", "--net", "--mount", "--uts", "--propagation", "unchanged", "sh", "-c", MACHINE, "sh", name, centre_address],
-            stdout=subprocess.PIPE))
-        stack.callback(self.process.kill)
+        self.process = self.started("unshare", "--net", "--mount", "--uts", "--propagation", "unchanged",
+                                    "sh", "-c", MACHINE, "sh", name, centre_address, stdout=subprocess.PIPE)
         assert self.process.stdout.readline() == b"up\n", "no namespaces for further machines"
-
-    def run(self, *command, run=subprocess.run, **options):
         # With root and directory, else it would work outside of a chroot that this may run in.
-        return run(["nsenter", "--net", "--mount", "--uts", "--root", "--wd", f"--target={self.process.pid}", *command], **options)
+        self.inside = ["nsenter", "--net", "--mount", "--uts", "--root", "--wd", f"--target={self.process.pid}"]
 
-    def files(self, pattern):
-        return pathlib.Path(f"/proc/{self.process.pid}/root/var").glob(pattern)
+    def started(self, *command, **options):
+        process = self.stack.enter_context(subprocess.Popen(command, **options))
+        self.stack.callback(process.kill)
+        return process
+
+    def run(self, *command, **options):
+        return subprocess.run([*self.inside, *command], check=True, **options)
 
     def start(self, socket, *command):
         """Starts a program, and waits until it has the socket."""
-        process = self.stack.enter_context(self.run(*command, run=subprocess.Popen))
-        self.stack.callback(process.kill)
+        process = self.started(*self.inside, *command)
 
         def listens():
             assert process.poll() is None, f"{command} has ended: {process.returncode}"
@@ -59,19 +58,21 @@ class Machine:
         return process
 
     def start_rsyslog(self, socket, configuration):
-        self.rsyslog = self.start(socket, "rsyslogd", "-n", "-f", CONFIGURATIONS / configuration)
+        self.rsyslog = self.start(socket, "rsyslogd", "-n", "-f", f"examples/fleet/{configuration}")
 
     def kill_rsyslog(self):
         self.rsyslog.kill()
         self.rsyslog.wait()
+
+    def files(self, pattern):
+        return pathlib.Path(f"/proc/{self.process.pid}/root/var").glob(pattern)
 
     def log(self, count):
         """Logs lines of two programs in turn, each with a text of its own."""
         new = [(self.name, "sip router".split()[n % 2], f"event {n} of {self.name}")
                for n in range(len(self.sent), len(self.sent) + count)]
         self.sent += new
-        lines = b"\n".join(message(text, program) for _, program, text in new)
-        self.run("/usr/bin/python3", "-c", SENDER, input=lines, check=True)
+        self.run("/usr/bin/python3", "-c", SENDER, input=b"\n".join(message(text, program) for _, program, text in new))
 
     def fill_queue(self):
         """Logs, and waits until all lines but those that the queue holds in memory are in its files."""
@@ -86,11 +87,11 @@ class Machine:
 
 def device(stack, number, centre):
     machine = Machine(stack, f"dev{number:02}", f"10.98.{number}.1")
-    pair = "ip link add eth0 netns {} type veth peer name {} netns {}"
-    subprocess.run(pair.format(machine.process.pid, machine.name, centre.process.pid).split(), check=True)
+    pair = f"ip link add eth0 netns {machine.process.pid} type veth peer name {machine.name} netns {centre.process.pid}"
+    subprocess.run(pair.split(), check=True)
     for end, name, host in (machine, "eth0", 2), (centre, machine.name, 1):
-        end.run(*f"ip address add 10.98.{number}.{host}/24 dev {name}".split(), check=True)
-        end.run(*f"ip link set {name} up".split(), check=True)
+        end.run(*f"ip address add 10.98.{number}.{host}/24 dev {name}".split())
+        end.run(*f"ip link set {name} up".split())
     machine.start_rsyslog("/dev/log", "device.conf")
     machine.start(f":{PORT}", PROGRAM, "server")
     return machine
@@ -99,8 +100,7 @@ def device(stack, number, centre):
 def await_lines(centre, devices, when, may_miss=0):
     """Waits until the centre has what was sent, less what hvlogger told it was skipped, in the right files."""
     sent = {line for device in devices for line in device.sent}
-    end = time.monotonic() + 240  # a connection that was cut starts again in its own time
-    missing = len(sent)
+    end, missing = time.monotonic() + 240, len(sent)  # a connection that was cut starts again in its own time
     while missing > may_miss and time.monotonic() < end:
         time.sleep(0.2)
         # What is behind the last line feed is still being written. A line may be there twice.
@@ -109,7 +109,8 @@ def await_lines(centre, devices, when, may_miss=0):
         told = sum(int(text.split()[0]) for _, program, _, text in rows if program == "hvlogger")
         there = {(name, program, text) for name, program, _, text in rows if program not in ("hvlogger", "rsyslogd")}
         missing = len(sent - there) - told
-    print(f"    {when}: {missing} of {len(sent)} lines missing, {told} told as skipped, {len(there - sent)} in a wrong file", flush=True)
+    print(f"    {when}: {missing} of {len(sent)} lines missing, {told} told as skipped, "
+          f"{len(there - sent)} in a wrong file")
     assert missing <= may_miss and there <= sent
 
 

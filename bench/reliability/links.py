@@ -1,68 +1,57 @@
 """Whole lines over links of every kind: lines of the server's that the viewer did not show whole, and how long the
 last line came after the one before it."""
 
-import bisect
 import contextlib
 import itertools
 import os
-import pathlib
 import select
 import subprocess
 import time
 
-from pace import paced
-from support.harness import PROGRAM, Server, await_true, dropped, message, send_datagrams, shown, unread
+from link import HERE, Link
+from support.harness import PROGRAM, Entered, Server, await_true, dropped, message, send_datagrams, shown, unread
+from traffic import paced
 
-RELAY = pathlib.Path(__file__).parents[2] / "build-bench/bench/reliability/relay"
-HERE, THERE = "10.99.0.1", "10.99.0.2"
 STORED = 10_131  # as many lines of text(n) as fill the server's store
-
-
-@contextlib.contextmanager
-def link(mbit=100, rtt=0, loss=0, mtu=1500, queue=100, seed=1):
-    """A network namespace behind a link: yields the words in front of a command that is to run there, and the relay."""
-    with subprocess.Popen(["unshare", "--net", "sleep", "infinity"]) as far:
-        await_true(lambda: os.readlink(f"/proc/{far.pid}/ns/net") != os.readlink("/proc/self/ns/net"), "namespace")
-        there = ["nsenter", "--net", f"--target={far.pid}"]
-        settings = map(str, (far.pid, mbit, rtt / 2, loss, mtu, queue, seed))
-        with subprocess.Popen([RELAY, *settings], stdin=subprocess.PIPE, stdout=subprocess.PIPE) as relay:
-            assert relay.stdout.readline() == b"ready\n"
-            for enter, own, other in ([], HERE, THERE), (there, THERE, HERE):
-                subprocess.run([*enter, *f"ip address add {own} peer {other} dev wire".split()], check=True)
-                subprocess.run([*enter, *"ip link set wire up".split()], check=True)
-            try:
-                yield there, relay
-            finally:
-                relay.kill()
-                far.kill()
 
 
 def text(n, size=None):
     return f"{n:05} {'x' * (n % 100 if size is None else size)}"
 
 
-def fill(texts):
-    """Logs the texts, none lost, and returns how the viewer shows those that the store of 1 MiB keeps."""
-    for start in range(0, len(texts), 50):
+def fill(count):
+    """Logs lines, none lost, and returns how the viewer shows those that the store of 1 MiB keeps."""
+    texts = [text(n) for n in range(count)]
+    for start in range(0, count, 50):
         send_datagrams(*map(message, texts[start:start + 50]))
         await_true(lambda: not unread(0, "udp"), "the server reads")
     sizes = itertools.accumulate(len(message(line)) for line in reversed(texts))
     return [shown(line) for size, line in zip(sizes, reversed(texts)) if size <= 1 << 20]
 
 
-class Screen:
-    """What a viewer printed, and when."""
+class PipedViewer(Entered):
+    """A viewer, here or behind a link: what it printed, and when."""
 
-    def __init__(self, viewer):
-        self.file, self.data, self.ends, self.times = viewer.stdout.fileno(), b"", [], []
+    def __init__(self, link=None):
+        command = [*link.there, PROGRAM, "client", HERE] if link else [PROGRAM, "client", "127.0.0.1"]
+        self.process = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                                        stderr=subprocess.STDOUT)
+        self.data, self.came = b"", []
+        await_true(lambda: self.readable(1), "the viewer is connected")
+
+    def close(self):
+        self.process.kill()
+        self.process.communicate()
+
+    def readable(self, patience):
+        return bool(select.select([self.process.stdout], [], [], patience)[0])
 
     def read(self, patience):
         """Reads once, if something comes in time."""
-        chunk = select.select([self.file], [], [], patience)[0] and os.read(self.file, 1 << 20)
+        chunk = self.readable(patience) and os.read(self.process.stdout.fileno(), 1 << 20)
         if chunk:
-            self.times.append(time.monotonic())
             self.data += chunk
-            self.ends.append(len(self.data))
+            self.came.append((len(self.data), time.monotonic()))
         return bool(chunk)
 
     def read_to_the_end(self):
@@ -75,31 +64,26 @@ class Screen:
 
     def last_line_ms(self):
         """How long after the line before it the last one came."""
-        at = [self.times[bisect.bisect_left(self.ends, end)]
-              for end in (len(self.data), self.data.rfind(b"\r\n", 0, -2) + 2)]
-        return 1000 * (at[0] - at[1])
+        before, last = (next(time for size, time in self.came if size >= end)
+                        for end in (self.data.rfind(b"\r\n", 0, -2) + 2, len(self.data)))
+        return 1000 * (last - before)
 
 
 def over(name, description, rate=0, count=0, size=None, **settings):
     """A case: a listing of a full store, or so many lines at that rate, each with a text of the given size."""
     def case():
-        there_is = link(seed=os.environ["RUN"], **settings) if settings else contextlib.nullcontext(((), None))
-        with Server(), there_is as (there, relay):
+        with Server(), Link(**settings) if settings else contextlib.nullcontext() as link:
             lines = [text(n, size) for n in range(count)]
-            expected = [shown(line) for line in lines] or fill([text(n) for n in range(STORED)])
-            with subprocess.Popen([*there, PROGRAM, "client", HERE if there else "127.0.0.1"], stdin=subprocess.PIPE,
-                                  stdout=subprocess.PIPE) as viewer:
-                screen = Screen(viewer)
-                await_true(lambda: screen.read(1), "the viewer is connected")
+            expected = [shown(line) for line in lines] or fill(STORED)
+            with PipedViewer(link) as viewer:
                 for numbers in paced(rate, count):
                     send_datagrams(*[message(lines[n]) for n in numbers])
-                    screen.read(0)
-                screen.read_to_the_end()
-                late = relay.communicate()[0].decode().strip() if relay else "0"
-                viewer.kill()
-            print(f"    {len(expected) - dropped() - screen.whole(expected)} of {len(expected)} lines not whole, the last one "
-                  f"{screen.last_line_ms():.0f} ms after the rest; {dropped()} dropped in front of the server, the link "
-                  f"up to {late} ms late", flush=True)
+                    viewer.read(0)
+                viewer.read_to_the_end()
+            cut = len(expected) - dropped() - viewer.whole(expected)
+            late = f"; the link up to {1000 * link.late.value:.0f} ms late" if link else ""
+            print(f"    {cut} of {len(expected)} lines not whole, the last one {viewer.last_line_ms():.0f} ms after "
+                  f"the rest; {dropped()} dropped in front of the server{late}")
     case.__name__, case.__doc__ = name, description
     return case
 

@@ -1,7 +1,6 @@
 """A local log that stands still, is slow, goes, comes, or belongs to somebody else."""
 
 import contextlib
-import multiprocessing
 import os
 import pathlib
 import re
@@ -10,36 +9,37 @@ import signal
 import socket
 import time
 
-from pace import paced
 from support.harness import SEND_ALL, RawViewer, Server, dropped, message, send_datagrams
+from traffic import beside, fork, paced
 
 RATE, SECONDS = 5_000, 4
-fork = multiprocessing.get_context("fork")
+FLOOD = b"<14>flood"
+TOLD = re.compile(rb"^<44>.* hvlogger\[\d+\]: (\d+) lines? (?:was|were) not passed on to the local log$")
 
 
 class Daemon:
-    """A process that takes over the log's name and counts the lines it is passed, and those it is told of as skipped."""
+    """A process that takes over the log's name and counts the lines it is passed, and those told as skipped. After
+    each it pauses for so many seconds: 0 is the shortest time that the system sleeps, some 60 us."""
 
     def __init__(self, kind=socket.SOCK_DGRAM, pause=0.0):
         pathlib.Path("/dev/log").unlink(missing_ok=True)
-        self.socket = socket.socket(socket.AF_UNIX, kind)
-        self.socket.bind("/dev/log")
-        if kind == socket.SOCK_STREAM:
-            self.socket.listen(1000)
-        self.passed, self.told = fork.Value("q"), fork.Value("q")
-        self.process = fork.Process(target=self.read, args=(kind, pause), daemon=True)
-        self.process.start()
-        self.socket.close()
+        self.passed, self.told = fork.Value("q", lock=False), fork.Value("q", lock=False)
+        with socket.socket(socket.AF_UNIX, kind) as log:
+            log.bind("/dev/log")
+            if kind == socket.SOCK_STREAM:
+                log.listen(1000)
+            self.process = beside(self.read, log, pause)
 
-    def read(self, kind, pause):
+    def read(self, log, pause):
         while True:
-            source = self.socket.accept()[0] if kind == socket.SOCK_STREAM else self.socket
-            record = source.recv(65536)
-            if told := re.search(rb" hvlogger\[\d+\]: (\d+) ", record):
+            source = log.accept()[0] if log.type == socket.SOCK_STREAM else log
+            record = source.recv(65536).rstrip(b"\0")
+            if told := TOLD.match(record):
                 self.told.value += int(told[1])
             else:
-                self.passed.value += b" sip[" in record
-            time.sleep(pause)  # 0: no pause
+                self.passed.value += record != FLOOD
+            if pause is not None:
+                time.sleep(pause)
 
     def stop(self):
         os.kill(self.process.pid, signal.SIGSTOP)
@@ -55,7 +55,7 @@ def flood():
         with contextlib.suppress(OSError), socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as log:
             log.connect("/dev/log")
             while True:
-                log.send(b"<14>flood")
+                log.send(FLOOD)
         time.sleep(0.001)  # nobody reads
 
 
@@ -76,11 +76,8 @@ CASES = {  # what happens one after the other, each for the same time
 def run(name, steps, flooders):
     with Server(), RawViewer() as viewer:
         viewer.send(SEND_ALL)
-        flood_of_others = [fork.Process(target=flood, daemon=True) for _ in range(flooders)]
-        for process in flood_of_others:
-            process.start()
-        daemons, begun, shown, longest = [], 0, 0, 0.0
-        count = RATE * SECONDS
+        others = [beside(flood) for _ in range(flooders)]
+        daemons, begun, shown, longest, count = [], 0, 0, 0.0, RATE * SECONDS
         for numbers in paced(RATE, count):
             while begun < len(steps) and numbers.stop >= count * begun // len(steps):
                 step, begun = steps[begun], begun + 1
@@ -93,7 +90,7 @@ def run(name, steps, flooders):
                 sent_at = re.findall(rb"@([\d.]+)", viewer.socket.recv(1 << 20))
                 shown += len(sent_at)
                 longest = max([longest, *(time.monotonic() - float(at) for at in sent_at[:1])])
-        for process in flood_of_others:
+        for process in others:
             process.kill()
         for daemon in daemons:
             if daemon.process.is_alive():
@@ -104,9 +101,10 @@ def run(name, steps, flooders):
             if passed + told >= sent:
                 break
             send_datagrams(message("after"))
-        print(f"    {name + f', {flooders} others flood it' * bool(flooders)}: longest standstill {1000 * longest:.0f} ms; "
-              f"{shown} of {count} shown, {dropped()} dropped by the kernel; of {sent} {passed} in the log, {told} told as skipped, "
-              f"{sent - passed - told} neither", flush=True)
+        company = f", {flooders} others flood it" if flooders else ""
+        print(f"    {name}{company}: longest standstill {1000 * longest:.0f} ms; {shown} of {count} shown, "
+              f"{dropped()} dropped by the kernel; of {sent} {passed} in the log, {told} told as skipped, "
+              f"{sent - passed - told} neither")
         for daemon in daemons:
             daemon.end()
         pathlib.Path("/dev/log").unlink(missing_ok=True)

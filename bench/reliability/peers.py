@@ -6,30 +6,18 @@ import pathlib
 import resource
 import select
 import signal
+import socket
 import subprocess
-import sys
+import threading
 import time
 
-from links import HERE, STORED, THERE, Screen, fill, link, text
-from pace import paced
-from support.harness import (PROGRAM, SEND_ALL, RawViewer, Server, Viewer, await_true, dropped, message,
+from link import THERE, Link
+from links import STORED, PipedViewer, fill
+from support.harness import (PORT, PROGRAM, SEND_ALL, RawViewer, Server, Viewer, await_true, dropped, message,
                              send_datagrams, status)
+from traffic import beside, paced
 
 PATIENCE = 150
-FLOODER = """
-import contextlib, socket, sys, threading, time
-def read():
-    with contextlib.suppress(OSError):
-        while peer.recv(1 << 20): pass
-while True:
-    with contextlib.suppress(OSError), socket.create_connection(("127.0.0.1", int(sys.argv[1]))) as peer:
-        threading.Thread(target=read).start()
-        data, pause = eval(sys.argv[2]), float(sys.argv[3])
-        while True:
-            peer.sendall(data)
-            if pause: time.sleep(pause)
-"""
-SINK = "import socket\nc = socket.create_server(('127.0.0.1', 50001)).accept()[0]\nwhile c.recv(1 << 20): pass"
 
 
 def how_long(event):
@@ -40,37 +28,47 @@ def how_long(event):
     return f"after {time.monotonic() - start:.2f} s" if happened else f"not within {PATIENCE} s"
 
 
-def readable(file, seconds):
-    return bool(select.select([file], [], [], seconds)[0])
-
-
-@contextlib.contextmanager
-def connected(there=(), address="127.0.0.1", paused=False):
+def connected(link=None, paused=False):
     """A viewer; a paused one is stopped before it has read all of a listing of 1 MiB."""
-    fill([text(n) for n in range(STORED if paused else 10)])
-    command = [*there, PROGRAM, "client", address]
-    with subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.STDOUT) as viewer:
-        await_true(lambda: readable(viewer.stdout, 1), "the viewer is connected")
-        time.sleep(1)  # it stands still at a full pipe, and the server has filled what the system takes for it
-        if paused:
-            viewer.send_signal(signal.SIGSTOP)
-        yield viewer
-        viewer.kill()
+    fill(STORED if paused else 10)
+    viewer = PipedViewer(link)
+    time.sleep(1)  # it stands still at a full pipe, and the server has filled what the system takes for it
+    if paused:
+        viewer.process.send_signal(signal.SIGSTOP)
+    return viewer
+
+
+def drain(connection):
+    with contextlib.suppress(OSError):
+        while connection.recv(1 << 20):
+            pass
+
+
+def send_for_ever(port, data, pause):
+    """Sends the data again and again, and connects again if it is disconnected."""
+    while True:
+        with contextlib.suppress(OSError), socket.create_connection(("127.0.0.1", port)) as peer:
+            threading.Thread(target=drain, args=(peer,), daemon=True).start()
+            while True:
+                peer.sendall(data)
+                time.sleep(pause)
 
 
 def floods():
     """12,000 datagrams in 6 s, and a viewer that sends garbage as fast as it can, or command 1 2,500 times a second."""
-    for name, *flooder in (("without it", 50001, "b''", "1"), ("garbage to the server", 50000, "b'garbage!' * 131072", "0"),
-                           ("garbage elsewhere", 50001, "b'garbage!' * 131072", "0"),
-                           ("command 1", 50000, repr(SEND_ALL), "0.0004"), ("without it", 50001, "b''", "1")):
-        with (Server(), subprocess.Popen([sys.executable, "-c", SINK]) as sink,
-              subprocess.Popen([sys.executable, "-c", FLOODER, *map(str, flooder)]) as flood):
+    garbage, elsewhere = b"garbage!" * 131072, socket.create_server(("127.0.0.1", 50001))
+    sink = beside(lambda: [drain(elsewhere.accept()[0]) for _ in range(3)])
+    for name, *flood in (("without it", 50001, b"", 1), ("garbage to the server", PORT, garbage, 0),
+                         ("garbage elsewhere", 50001, garbage, 0), ("command 1", PORT, SEND_ALL, 0.0004),
+                         ("without it", 50001, b"", 1)):
+        with Server():
+            flooder = beside(send_for_ever, *flood)
             time.sleep(0.5)
             for numbers in paced(2000, 12_000):
                 send_datagrams(*[message(f"{n:08} {'x' * 90}") for n in numbers])
-            print(f"    {name}: {dropped()} of 12000 datagrams lost", flush=True)
-            flood.kill()
-            sink.kill()
+            print(f"    {name}: {dropped()} of 12000 datagrams lost")
+            flooder.kill()
+    sink.kill()
 
 
 def stalled_viewer():
@@ -87,22 +85,23 @@ def stalled_viewer():
             with contextlib.suppress(TimeoutError):
                 while chunk := later.socket.recv(1 << 20):
                     later.received += chunk
-        print(f"    {received} of {sent} received ({100 * received / sent:.1f} %), resident memory at most {highest} KiB, "
-              f"afterwards {status(server.process.pid)} KiB; a later viewer gets {len(later.received)} bytes, "
-              f"the newest is number {later.received.rsplit(b' - ', 1)[-1][:8].decode() or 'none'}")
+        newest = later.received.rsplit(b" - ", 1)[-1][:8].decode() or "none"
+        print(f"    {received} of {sent} received ({100 * received / sent:.1f} %), resident memory at most "
+              f"{highest} KiB, afterwards {status(server.process.pid)} KiB; a later viewer gets "
+              f"{len(later.received)} bytes, the newest is number {newest}")
 
 
 def vanished_viewer(paused=False, logging=False):
     """A viewer's link goes down without a word while nothing is logged: when is the next one served?"""
-    with Server(), link(rtt=2) as (there, relay), connected(there, HERE, paused), RawViewer() as waiting:
-        relay.send_signal(signal.SIGSTOP)
+    with Server(), Link(rtt=2) as link, connected(link, paused), RawViewer() as waiting:
+        os.kill(link.relay.pid, signal.SIGSTOP)
         waiting.socket.sendall(SEND_ALL)
 
         def served():
             if logging:
                 send_datagrams(message("more"))
-            return readable(waiting.socket, 1)
-        print(f"    next viewer served {how_long(served)}", flush=True)
+            return select.select([waiting.socket], [], [], 1)[0]
+        print(f"    next viewer served {how_long(served)}")
 
 
 def vanished_viewer_of_a_busy_log():
@@ -120,21 +119,19 @@ def stopped_viewer():
     with Server(), connected(paused=True) as viewer:
         time.sleep(200)
         send_datagrams(message("the last"))
-        viewer.send_signal(signal.SIGCONT)
-        screen = Screen(viewer)
-        screen.read_to_the_end()
-        print(f"    then shows {screen.data.count(b' sip ')} of {STORED + 1} lines, the last one: {b'the last' in screen.data}")
+        viewer.process.send_signal(signal.SIGCONT)
+        viewer.read_to_the_end()
+        print(f"    then shows {viewer.data.count(b' sip ')} of {STORED + 1} lines, "
+              f"the last one: {b'the last' in viewer.data}")
 
 
 def vanished_device(key=b""):
     """A device loses power: when does the viewer say so?"""
-    with Server(), link(rtt=2) as (there, relay), connected(there, HERE) as viewer:
-        relay.send_signal(signal.SIGSTOP)
-        viewer.stdin.write(key)
-        viewer.stdin.flush()
-        screen = Screen(viewer)
-        when = how_long(lambda: screen.read(1) and b"Rcv: error" in screen.data)
-        print(f"    told {when}: {screen.data[-60:]!r}")
+    with Server(), Link(rtt=2) as link, connected(link) as viewer:
+        os.kill(link.relay.pid, signal.SIGSTOP)
+        os.write(viewer.process.stdin.fileno(), key)
+        when = how_long(lambda: viewer.read(1) and b"Rcv: error" in viewer.data)
+        print(f"    told {when}: {viewer.data[-60:]!r}")
 
 
 def vanished_device_that_is_asked():
@@ -154,7 +151,7 @@ def restart(paused=False):
                 with Server() as again:
                     attempts.append(again.process.poll() is None)
                     return attempts[-1] or time.sleep(1)
-            print(f"    {with_signal.name}: runs {how_long(runs)}, at attempt {len(attempts)}", flush=True)
+            print(f"    {with_signal.name}: runs {how_long(runs)}, at attempt {len(attempts)}")
 
 
 def restart_with_a_paused_viewer():
@@ -175,19 +172,18 @@ def no_low_descriptors():
                 process.wait(5)
             print(f"    {mode}: exit status {process.returncode}", end=", ")
             process.kill()
-            print(process.stdout.read(), flush=True)
+            print(process.stdout.read())
 
 
 def silent_host():
     """The viewer is started for a host that does not answer at all, and q is pressed."""
-    with link() as (_, relay):
-        relay.send_signal(signal.SIGSTOP)
+    with Link() as link:
+        os.kill(link.relay.pid, signal.SIGSTOP)
         with Viewer(THERE) as viewer:
             await_true(lambda: viewer.settings() != viewer.before, "the terminal is raw")
             viewer.keys(b"q")
-            when = how_long(lambda: viewer.rest() is None or viewer.process.poll() is not None)
-            print(f"    ends {when}, exit status {viewer.process.returncode}, "
-                  f"terminal restored: {viewer.settings() == viewer.before}")
+            print(f"    ends {how_long(lambda: viewer.rest() is None or viewer.process.poll() is not None)}, "
+                  f"exit status {viewer.process.returncode}, terminal restored: {viewer.settings() == viewer.before}")
 
 
 def signals():
@@ -199,4 +195,4 @@ def signals():
             viewer.process.send_signal(number)
             viewer.wait()
             print(f"    {number.name}: exit status {viewer.process.returncode}, "
-                  f"terminal restored: {viewer.settings() == viewer.before}", flush=True)
+                  f"terminal restored: {viewer.settings() == viewer.before}")

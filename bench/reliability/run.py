@@ -19,9 +19,9 @@ import peers
 import terminal
 
 # These mostly wait, so they wait side by side; the others need the processor to themselves.
-PATIENT = (peers.vanished_viewer, peers.vanished_viewer_of_a_busy_log, peers.vanished_paused_viewer, peers.stopped_viewer,
-           peers.vanished_device, peers.vanished_device_that_is_asked, peers.silent_host, peers.restart,
-           peers.restart_with_a_paused_viewer)
+PATIENT = (peers.vanished_viewer, peers.vanished_viewer_of_a_busy_log, peers.vanished_paused_viewer,
+           peers.stopped_viewer, peers.vanished_device, peers.vanished_device_that_is_asked, peers.silent_host,
+           peers.restart, peers.restart_with_a_paused_viewer)
 CASES = {case.__name__: case for case in (
     *links.CASES, *PATIENT, peers.stalled_viewer, peers.floods, peers.no_low_descriptors, peers.signals,
     terminal.hostile_text,
@@ -32,7 +32,7 @@ ISOLATED = pathlib.Path(__file__).parents[2] / "tests/support/isolated.sh"
 
 def run(name, runs):
     """Runs a case and prints what it found; returns its name if it failed."""
-    found = [subprocess.run([ISOLATED, sys.executable, "-B", __file__, "--inside", name], stdout=subprocess.PIPE,
+    found = [subprocess.run([ISOLATED, sys.executable, "-uB", __file__, "--inside", name], stdout=subprocess.PIPE,
                             env={**os.environ, "RUN": str(number)}) for number in range(1, runs + 1)]
     print(f"{name}: {CASES[name].__doc__}\n" + b"".join(each.stdout for each in found).decode(), end="", flush=True)
     return name if any(each.returncode for each in found) else None

@@ -5,29 +5,20 @@ memory is flat after the store has filled, and the descriptors are back to the s
 """
 
 import contextlib
-import multiprocessing
 import random
-import re
 import subprocess
 import sys
 import threading
 import time
 
-from support.harness import (DEADLINE, MARKER, PROGRAM, SEND_ALL, WRITE_FILE, LogDevice, RawViewer, Server,
-                             await_true, dropped, message, send_datagrams, status)
+from local_log import Daemon
+from support.harness import (DEADLINE, MARKER, PROGRAM, SEND_ALL, WRITE_FILE, RawViewer, Server, await_true, dropped,
+                             message, send_datagrams, status)
+from traffic import paced
 
 RATE = 2000
 ALLOWED_GROWTH_KIB = 512
 PROGRAMS = ["prothandler", "sip", "nmos", "router", "sap", "ui", "shell", ""]
-SKIPPED = re.compile(rb"^<44>.* hvlogger\[\d+\]: (\d+) lines? (?:was|were) not passed on to the local log$")
-
-
-def read(device, counts):
-    """Counts what reaches the local log, and what it is told was skipped."""
-    device.socket.settimeout(None)
-    while True:
-        skipped = SKIPPED.match(device.socket.recv(65536))
-        counts[1 if skipped else 0] += int(skipped[1]) if skipped else 1
 
 
 def datagram(chance):
@@ -65,43 +56,38 @@ def viewers(stop):
 
 
 def main(seconds):
-    chance = random.Random(1)
-    stop = threading.Event()
-    with LogDevice() as device, Server() as server:
-        logged, pid = multiprocessing.Array("q", 2, lock=False), server.process.pid
-        # In a process of its own, which reads as fast as a log daemon.
-        multiprocessing.Process(target=read, args=(device, logged), daemon=True).start()
+    chance, stop, log = random.Random(1), threading.Event(), Daemon(pause=None)
+    with Server() as server:
         server.collect()  # leaves the descriptor that tells the dump's end
         at_start = len(server.descriptors())
         company = threading.Thread(target=viewers, args=(stop,))
         company.start()
-        start = time.monotonic()
-        sent, memory = 0, []
-        while (now := time.monotonic()) - start < seconds:
-            due = int((now - start) * RATE)
-            send_datagrams(*[datagram(chance) for _ in range(sent, due)])
-            sent = due
-            if chance.random() < 0.0005:
+        sent, memory = int(RATE * seconds), []
+        for numbers in paced(RATE, sent):
+            send_datagrams(*[datagram(chance) for _ in numbers])
+            if chance.random() < 0.0001:
                 send_datagrams(chance.choice([b"", b"dump " + MARKER]))
-            if now - start > 20:
-                memory.append(status(pid))  # the store has filled by then
-            time.sleep(0.005)
+            if numbers.stop > RATE * min(20, seconds / 2):
+                memory.append(status(server.process.pid))  # the store has filled by then
         stop.set()
         company.join()
 
+        def lost():
+            return sent - dropped() - log.passed.value - log.told.value
         end = time.monotonic() + DEADLINE
-        while (lost := sent - dropped() - sum(logged)) and time.monotonic() < end:
+        while lost() and time.monotonic() < end:
             send_datagrams(b"hello")  # a line that finds a place makes the server tell what it skipped before
             sent += 1
             time.sleep(0.05)
-        await_true(lambda: len(server.descriptors()) <= at_start or server.process.poll() is not None, "viewers are gone")
+        await_true(lambda: len(server.descriptors()) <= at_start or server.process.poll() is not None, "viewers leave")
         third, at_end = len(memory) // 3, len(server.descriptors())
         # Stalled viewers cost memory for a while; what may not grow is what is left between them.
         growth = min(memory[-third:]) - min(memory[:third])
-        print(f"sent {sent}, dropped by the kernel {dropped()}, logged {logged[0]}, told as skipped {logged[1]}, lost {lost}")
+        print(f"sent {sent}, dropped by the kernel {dropped()}, logged {log.passed.value}, "
+              f"told as skipped {log.told.value}, lost {lost()}")
         print(f"resident memory {min(memory)} to {max(memory)} KiB, grown by {growth} KiB between first and last third")
         print(f"descriptors {at_start} at the start, {at_end} at the end")
-        good = lost == 0 and growth <= ALLOWED_GROWTH_KIB and at_end == at_start and server.process.poll() is None
+        good = not lost() and growth <= ALLOWED_GROWTH_KIB and at_end == at_start and server.process.poll() is None
         print("passed" if good else "FAILED")
         sys.exit(not good)
 

@@ -15,7 +15,8 @@ ATTACKS = {
 
 def hostile_text():
     """Hostile lines on a real terminal: what of them reaches the screen."""
-    hostile = [b"\x1b[2J\x1b]0;x\x07", b"refused\raccepted", b"\xc2\x9b31m \x9b31m", b"\x7f\b\xff\xc0\x9b"] * 500 + [b"last."]
+    lines = b"\x1b[2J\x1b]0;x\x07", b"refused\raccepted", b"\xc2\x9b31m \x9b31m", b"\x7f\b\xff\xc0\x9b"
+    hostile = [*lines * 500, b"last."]
     with Server() as server:
         for start in range(0, len(hostile), 50):
             server.collect(*[message("") + text for text in hostile[start:start + 50]])
