@@ -13,7 +13,7 @@ import time
 
 from local_log import Daemon
 from support.harness import (DEADLINE, MARKER, PROGRAM, SEND_ALL, WRITE_FILE, RawViewer, Server, await_true, dropped,
-                             message, send_datagrams, status)
+                             idle, message, send_datagrams, status)
 from traffic import paced
 
 RATE = 2000
@@ -59,6 +59,7 @@ def main(seconds):
     chance, stop, log = random.Random(1), threading.Event(), Daemon(pause=None)
     with Server() as server:
         server.collect()  # leaves the descriptor that tells the dump's end
+        idle(server.process.pid)
         at_start = len(server.descriptors())
         company = threading.Thread(target=viewers, args=(stop,))
         company.start()
