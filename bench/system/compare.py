@@ -104,7 +104,7 @@ class System(Entered):
     def offer(self, rate, count):
         """Sends so many, and returns how many arrived."""
         self.offered_in = send(rate, count)
-        assert not rate or self.offered_in <= 1.1 * count / rate + 0.05, f"sending took {self.offered_in:.2f} s"
+        assert not rate or self.offered_in <= 1.1 * count / rate + 0.05, f"the sender took {self.offered_in:.2f} s"
         return self.collect(count)[0]
 
     def processor_seconds(self):
