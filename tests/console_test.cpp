@@ -4,13 +4,9 @@
 
 #include <algorithm>
 #include <clocale>
-#include <cstddef>
 #include <cstdio>
 #include <cwchar>
-#include <ostream>
 #include <random>
-#include <string>
-#include <string_view>
 
 namespace {
 

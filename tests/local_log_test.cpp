@@ -6,7 +6,6 @@
 
 #include <cstdlib>
 #include <ctime>
-#include <string>
 #include <sys/socket.h>
 #include <syslog.h>
 

@@ -7,12 +7,8 @@
 #include <gtest/gtest.h>
 
 #include <climits>
-#include <iomanip>
-#include <sstream>
-#include <string>
 #include <sys/resource.h>
 #include <unistd.h>
-#include <vector>
 
 namespace {
 

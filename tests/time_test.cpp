@@ -12,13 +12,9 @@
 #include <climits>
 #include <cstdlib>
 #include <ctime>
-#include <memory>
 #include <random>
-#include <sstream>
-#include <string>
 #include <sys/stat.h>
 #include <unistd.h>
-#include <vector>
 
 namespace {
 

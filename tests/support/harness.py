@@ -162,12 +162,6 @@ class Server(Entered):
     def descriptors(self):
         return sorted(fd for fd in os.listdir(f"/proc/{self.process.pid}/fd") if int(fd) > 2)
 
-    def jobs(self):
-        """The dump's processes: whose working directory is the server's."""
-        found = subprocess.run(f"readlink /proc/[0-9]*/cwd | grep -cx {os.path.realpath(self.directory.name)}",
-                               shell=True, stdout=subprocess.PIPE, check=True)
-        return int(found.stdout) - 1
-
     def stop(self, with_signal=signal.SIGINT):
         self.process.send_signal(with_signal)
         return self.process.wait(DEADLINE)
