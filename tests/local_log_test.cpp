@@ -31,8 +31,8 @@ TEST_F(Listener, TakesWhatIsWaitingUpToTheLimitOfItsPortAndNeverWaits) {
     ASSERT_EQ(server.open(50000), 0);
     ASSERT_GE(server.socket.setBlocking(false), 0);
     ASSERT_EQ(sender.open(AF_INET), 0);
-    for (std::size_t n = 1; n <= 66;
-         ++n) { // every second one is empty: it counts, and ends nothing
+    // Every second one is empty: it counts, and ends nothing.
+    for (std::size_t n = 1; n <= 66; ++n) {
         ASSERT_GE(sendto(sender.fd, line.data(), n % 2 * line.size(), 0, to.sa(), to.saLen()), 0);
     }
     for (const std::size_t taken : {32U, 33U, 33U}) {
