@@ -53,10 +53,9 @@ TEST(Formatters, StampTheCurrentTime) {
 
 struct LoggerTest : testing::Test, QELlogger5::Formatter, QELlogger5::Sender {
     LoggerTest() { logger.setup("dev01", "sip", this, this); }
-    [[nodiscard]] std::string format(int severity, std::string_view hostName,
-                                     std::string_view appName,
-                                     std::string_view text) const override {
-        return std::to_string(severity) + " " + std::string(hostName).append(appName).append(text);
+    std::string format(int severity, std::string_view host, std::string_view app,
+                       std::string_view text) const override {
+        return std::to_string(severity) + " " + std::string(host).append(app).append(text);
     }
     int send(std::string_view line) override { return lines.emplace_back(line), result; }
     std::vector<std::string> lines;

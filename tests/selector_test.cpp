@@ -142,7 +142,8 @@ TEST(Dispatch, WhatACallbackDoesHoldsInTheSameCycle) {
              "!a1 !T1 +ar0 +T1e15 !a99 =a. :a!a7,>0 =a.7 =.",
              "+ar0 :a!a-3146 =a.-3146 :a!a-3147 =a.-3147 :a!a-3148 =a.-3148 =a.",
              "+ar0 +T1 :a!a1 :T!T0 =aT. :a!a5 :T!T-3146 =aT.-3146",
-             "+ar0 +T1 +cw4 =-3148 <cw =aT.", // a failed cycle calls nobody and forgets nothing
+             // A failed cycle calls nobody and forgets nothing.
+             "+ar0 +T1 +cw4 =-3148 <cw =aT.",
          }) {
         Stage().play(script);
     }
@@ -187,6 +188,8 @@ TEST(Dispatch, WaitsUntilTheEarliestDeadlineThatIsStillSet) {
     EXPECT_DEATH(stage.selector->setTimer(nullptr, 1), "timer != nullptr");
     EXPECT_DEATH(stage.selector->cancelTimer(nullptr), "timer != nullptr"); // as C's entry is
     const std::int64_t start = QELselector::nowUs();
+    EXPECT_GE(std::chrono::steady_clock::now().time_since_epoch(),
+              std::chrono::microseconds(start));
     EXPECT_TRUE(stage.player('E').setTimeout(1'020'000)); // of seconds and a part of one
     EXPECT_EQ(stage.selector->runOnce(), 0);
     EXPECT_GE(QELselector::nowUs(), start + 1'020'000);

@@ -1,7 +1,6 @@
 """The local log, whoever reads it and however: every line arrives there or is told as skipped, and nothing stops."""
 
 import contextlib
-import pathlib
 import re
 import select
 import subprocess
@@ -9,21 +8,19 @@ import sys
 from socket import AF_UNIX, SOCK_DGRAM, SOCK_STREAM, socket
 
 import pytest
-from support.harness import LOG_DEVICE_TAKEN
+from support.harness import LOG_DEVICE_TAKEN, LogDevice
 
 pytestmark = pytest.mark.skipif(LOG_DEVICE_TAKEN, reason="/dev/log cannot be this test's own")
 FLOOD = "import socket\nlog = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)\nlog.connect('/dev/log')\nwhile True: log.send(b'flood')"
 TOLD = rb"<44>.{16}hvlogger\[\d+\]: (1(?= line was )|\d+(?= lines were )) lines? w\w+ not passed on to the local log"
 
 
-class Log:
+class Log(LogDevice):
     """Takes over the log's name; counts the lines that it was passed and those it was told of as skipped."""
 
     def __init__(self, kind):
-        pathlib.Path("/dev/log").unlink(missing_ok=True)
+        super().__init__(kind)
         self.lines = self.last = 0
-        self.socket = socket(AF_UNIX, kind)
-        self.socket.bind("/dev/log")
         if kind == SOCK_STREAM:
             self.socket.listen()
 

@@ -23,7 +23,6 @@ def test_what_a_viewer_is_sent(server):
         viewer.send(SEND_ALL)
         viewer.expect(stored[0] + stored[3])
         for datagram, newest in [
-                (message("live"), message("live")),
                 (other, other),
                 (b"hello", other),
                 (message("a") + message("b", app="nmos"), message("b", app="nmos")),

@@ -122,7 +122,7 @@ def test_a_signal_puts_the_terminal_back_and_still_ends_the_viewer(number, lines
         fake_server.connection.sendall(message("x" * 4000) * lines)
         viewer.process.send_signal(number)
         viewer.process.send_signal(signal.SIGCONT)
-        assert (viewer.wait(), viewer.settings()) == (-number, viewer.before)
+        assert (viewer.wait(), viewer.settings(), viewer.rest()) == (-number, viewer.before, b"")
     os.close(reading)
     os.close(writing)
 

@@ -117,9 +117,9 @@ class Entered(contextlib.AbstractContextManager):
 class LogDevice(Entered):
     """The reader of /dev/log: one record for each line that the server passes on."""
 
-    def __init__(self):
+    def __init__(self, kind=socket.SOCK_DGRAM):
         pathlib.Path("/dev/log").unlink(missing_ok=True)  # a former reader's
-        self.socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        self.socket = socket.socket(socket.AF_UNIX, kind)
         self.socket.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 1 << 20)
         self.socket.bind("/dev/log")
         self.socket.settimeout(DEADLINE)
