@@ -65,6 +65,8 @@ def test_server_gone_leaves_the_keyboard_working(linger, report, fake_server, te
     fake_server.accept()
     fake_server.connection.sendall(message("last"))
     terminal_viewer.expect(Viewer.GREETING + shown("last"))
+    table = pathlib.Path("/proc/net/tcp")
+    await_true(lambda: " 02:" in table.read_text(), "the viewer's timer that asks for signs of life")
     fake_server.connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", linger, 0))
     fake_server.close()
     terminal_viewer.expect(report)
