@@ -31,7 +31,8 @@ TEST(TerminalFilter, ShowsWhatIsNoTextWhereverItStandsAndIsCut) {
     const std::pair<std::string_view, std::string_view> cases[] = {
         // shown as it is, if not told
         {"\t ~\n", ""},
-        {{"\0\x1F\x7F", 3}, "^@^_^?"},
+        {{"\0\x1F", 2}, "^@^_"},
+        {"\x7F", "^?"},
         {"\x1B[2J", "^[[2J"},
         {"\r\n \n\r \r", "\r\n \n\r ^M"},
         {"\r\r\n\r\r", "^M\r\n\r^M"},
