@@ -34,7 +34,7 @@ TEST(TerminalFilter, ShowsWhatIsNoTextWhereverItStandsAndIsCut) {
         {{"\0\x1F", 2}, "^@^_"},
         {"\x7F", "^?"},
         {"\x1B[2J", "^[[2J"},
-        {"\r\n \n\r \r", "\r\n \n\r ^M"},
+        {"\r\n \r \n\r", "\r\n ^M \n\r"},
         {"\r\r\n\r\r", "^M\r\n\r^M"},
         {"\xC2\xA0\xDF\xBF", ""},
         {"\xE0\xA0\x80\xE1\x80\xBF\xEC\xBF\x80\xED\x9F\xBF\xEE\x80\x80\xEF\xBF\xBF", ""},
