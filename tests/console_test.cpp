@@ -33,7 +33,7 @@ TEST(TerminalFilter, ShowsWhatIsNoTextWhereverItStandsAndIsCut) {
         {"\t ~\n", ""},
         {{"\0\x1F", 2}, "^@^_"},
         {"\x7F", "^?"},
-        {"\x1B[2J", "^[[2J"},
+        {"\x1B[2J\n\x1B\r", "^[[2J\n^[^M"},
         {"\r\n \r \n\r", "\r\n ^M \n\r"},
         {"\r\r\n\r\r", "^M\r\n\r^M"},
         {"\xC2\xA0\xDF\xBF", ""},
