@@ -35,7 +35,8 @@ std::size_t split(std::string_view message, std::array<std::string_view, count>&
     return found;
 }
 
-template <std::size_t position> int getToken(std::string_view message, std::string& out) {
+template <std::size_t position>
+int getToken(std::string_view message, std::string& out) {
     std::array<std::string_view, position + 1> tokens;
     if (split(message, tokens) <= position) {
         return -1;
