@@ -33,7 +33,8 @@ int runClient(const char* invocationName, std::uint32_t address,
     HVLoggerTCPsockCli tcpClient(&mediator);
     HVLoggerOutputWatch outputWatch;
     HVLoggerKeyboard keyboard(&mediator);
-    QELloggerSyslogFmt store;
+    // Never destroyed: at the end the system takes its memory back at once, not message by message.
+    static QELloggerSyslogFmt& store = *new QELloggerSyslogFmt;
     store.addComponents(storeCapacity, programNames);
     store.consoleEcho = true;
 

@@ -76,12 +76,13 @@ void QELloggerSyslogFmt::append(std::string_view text) {
     if (consoleEcho) {
         echo.reserve(text.size());
     }
+    auto component = components.cend();
     for (bool more = true; more;) {
         std::size_t start = 0;
         std::size_t end = text.size();
         more = findMessage(text, start, end);
         if (store(text.substr(start, end - start)) && consoleEcho &&
-            passesFilters(messages.back())) {
+            passesFilters(messages.back(), component)) {
             appendLine(messages.back(), echo);
             echo.append(lineEnd);
         }
@@ -146,10 +147,15 @@ void QELloggerSyslogFmt::setAllComponents(bool value) {
 }
 
 bool QELloggerSyslogFmt::passesFilters(const QELloggerSyslogMsg& record) const {
-    return passesFilters(record, components.find(record.appName));
+    auto none = components.cend();
+    return passesFilters(record, none);
 }
 
-bool QELloggerSyslogFmt::passesFilters(const QELloggerSyslogMsg& record, Component entry) const {
+/// Looked up only where the program changes: in a listing this is what costs most.
+bool QELloggerSyslogFmt::passesFilters(const QELloggerSyslogMsg& record, Component& entry) const {
+    if (entry == components.end() || entry->first != record.appName) {
+        entry = components.find(record.appName);
+    }
     const auto facility = static_cast<std::size_t>(record.facility);
     return entry != components.end() && entry->second && facility < facilityFlags.size() &&
            facilityFlags[facility] && minSeverity <= record.severity &&
@@ -171,13 +177,9 @@ void QELloggerSyslogFmt::printLine(std::string_view line) {
 std::size_t QELloggerSyslogFmt::allMessages(std::string& out, bool formatted) const {
     out.clear();
     out.reserve(byteCount);
-    auto entry = components.end();
+    auto component = components.cend();
     for (const QELloggerSyslogMsg& record : messages) {
-        // Looked up only where the program changes: in a listing this is what costs most.
-        if (entry == components.end() || entry->first != record.appName) {
-            entry = components.find(record.appName);
-        }
-        if (!passesFilters(record, entry)) {
+        if (!passesFilters(record, component)) {
             continue;
         }
         if (formatted) {
@@ -190,8 +192,9 @@ std::size_t QELloggerSyslogFmt::allMessages(std::string& out, bool formatted) co
     return out.size();
 }
 
-std::string_view QELloggerSyslogFmt::newestRaw() const {
-    return messages.empty() ? std::string_view() : messages.back().raw;
+const std::string& QELloggerSyslogFmt::newestRaw() const {
+    static const std::string none;
+    return messages.empty() ? none : messages.back().raw;
 }
 
 int QELloggerSyslogFmt::writeFile(const char* path) const {

@@ -83,7 +83,7 @@ class QELloggerSyslogFmt {
 
     /// The raw text of the newest message, whether or not it passes the filters; empty if the store
     /// is. Valid until the store changes.
-    [[nodiscard]] std::string_view newestRaw() const;
+    [[nodiscard]] const std::string& newestRaw() const;
 
     /// Writes all messages, unfiltered, oldest first, to the file @p path: QELloggerDump::write().
     /// @return a QELloggerDump::Result
@@ -121,8 +121,10 @@ class QELloggerSyslogFmt {
   private:
     using Component = std::map<std::string, bool, std::less<>>::const_iterator;
 
-    /// The same with the record's entry in `components`, or its end, looked up already.
-    [[nodiscard]] bool passesFilters(const QELloggerSyslogMsg& record, Component entry) const;
+    /// The same in a loop. @param entry  the entry in `components` of the record before, or its
+    /// end;
+    ///                   becomes that of @p record
+    [[nodiscard]] bool passesFilters(const QELloggerSyslogMsg& record, Component& entry) const;
     static bool extract(std::string_view message, QELloggerSyslogMsg& record);
     bool store(std::string_view message);
     void setComponent(std::string_view name, bool value);

@@ -2,6 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <ostream>
+#include <string>
+#include <string_view>
+
 namespace {
 
 /// A terminal that keeps what it is sent, or has gone.
@@ -36,6 +40,7 @@ TEST(TerminalFilter, ShowsWhatIsNoTextWhereverItStandsAndIsCut) {
         {"\x1B[2J\n\x1B\r", "^[[2J\n^[^M"},
         {"\r\n \r \n\r", "\r\n ^M \n\r"},
         {"\r\r\n\r\r", "^M\r\n\r^M"},
+        {"\r\xC2\xA0", "^M\xC2\xA0"},
         {"\xC2\xA0\xDF\xBF", ""},
         {"\xE0\xA0\x80\xE1\x80\xBF\xEC\xBF\x80\xED\x9F\xBF\xEE\x80\x80\xEF\xBF\xBF", ""},
         {"\xF0\x90\x80\x80\xF1\x80\xBF\xBF\xF3\xBF\x80\x80\xF4\x8F\xBF\xBF", ""},

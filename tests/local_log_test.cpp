@@ -6,6 +6,7 @@
 
 #include <cstdlib>
 #include <ctime>
+#include <string>
 #include <sys/socket.h>
 #include <syslog.h>
 

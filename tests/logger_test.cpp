@@ -7,7 +7,12 @@
 #include <gtest/gtest.h>
 
 #include <climits>
+#include <iomanip>
+#include <sstream>
+#include <string>
+#include <sys/resource.h>
 #include <unistd.h>
+#include <vector>
 
 namespace {
 
@@ -117,6 +122,13 @@ const std::string ownLog = "*hvlogger-test-" + ownId;
 TEST(Senders, DeliverEachLineAsOneDatagramAndRefuseWhatTheyCannotSend) {
     const auto check = [](auto sender, const auto& endpoint, QELsockBase& receiver) {
         EXPECT_EQ(sender.send("not open"), -1);
+        rlimit before{};
+        getrlimit(RLIMIT_NOFILE, &before);
+        const rlimit none{0, before.rlim_max};
+        setrlimit(RLIMIT_NOFILE, &none);
+        EXPECT_EQ(sender.open(endpoint), QELsockBase::errCreate);
+        setrlimit(RLIMIT_NOFILE, &before);
+        EXPECT_EQ(sender.destination.compare(decltype(sender.destination)()), 0);
         ASSERT_EQ(sender.open(endpoint), 0);
         EXPECT_EQ(sender.send(std::string(8'000'000, 'x')), -1); // more than a datagram holds
         EXPECT_EQ(sender.send("\0\xff\n"s), 0);

@@ -17,9 +17,11 @@
 #include <malloc.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <string>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <thread>
+#include <tuple>
 #include <unistd.h>
 
 namespace {
@@ -175,9 +177,10 @@ struct TcpServer : testing::Test {
 TEST_F(TcpServer, MissingDestinationsOfMessagesAreReportedAndUnknownTypesIgnored) {
     QELloggerSyslogFmt store;
     std::string text = "before";
+    mediator.addComponent(idTcpServer, &server); // is no store
     testing::internal::CaptureStdout();
     for (const int type : {-1, static_cast<int>(msgWriteFile), msgTriggerRemoteDump + 1}) {
-        mediator.notify(7, type, &text);
+        mediator.notify(idTcpServer, type, &text);
         mediator.notify(idStore, type, &text);
     }
     mediator.addComponent(idStore, &store);
@@ -187,7 +190,7 @@ TEST_F(TcpServer, MissingDestinationsOfMessagesAreReportedAndUnknownTypesIgnored
     EXPECT_EQ(text, "before");
     std::cout.flush();
     EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "No valid object with id: 7\r\nNo valid object with id: 0\r\n");
+              "No valid object with id: 2\r\nNo valid object with id: 0\r\n");
 }
 
 TEST_F(TcpServer, WhatACycleHasForTheViewerLeavesInOneSendAndInOrderWhereverThatIsCut) {

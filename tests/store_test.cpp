@@ -8,7 +8,10 @@
 #include <fcntl.h>
 #include <fstream>
 #include <iostream>
+#include <sstream>
+#include <string>
 #include <sys/resource.h>
+#include <tuple>
 #include <unistd.h>
 
 namespace {

@@ -12,9 +12,13 @@
 #include <climits>
 #include <cstdlib>
 #include <ctime>
+#include <memory>
 #include <random>
+#include <sstream>
+#include <string>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <vector>
 
 namespace {
 

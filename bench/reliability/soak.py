@@ -68,8 +68,8 @@ def main(seconds):
             send_datagrams(*[datagram(chance) for _ in numbers])
             if chance.random() < 0.0001:
                 send_datagrams(chance.choice([b"", b"dump " + MARKER]))
-            if numbers.stop > RATE * min(20, seconds / 2):
-                memory.append(status(server.process.pid))  # the store has filled by then
+            if numbers.stop > RATE * min(240, seconds / 2) and numbers.start % 10 == 0:
+                memory.append(status(server.process.pid))  # the store has filled, the heap has settled
         stop.set()
         company.join()
 

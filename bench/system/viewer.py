@@ -69,6 +69,7 @@ def live(terminal):
         send_datagrams(message(f"number {number} "))
         read_until(begin + len(sent) / LIVE_RATE)
     read_until(time.monotonic() + DEADLINE)
+    assert len(took) == LIVE_MESSAGES, "lines are missing"
     p50, p99 = (sorted(took.values())[LIVE_MESSAGES * percent // 100] * 1e6 for percent in (50, 99))
     return {"single line p50, us": p50, "single line p99, us": p99}
 

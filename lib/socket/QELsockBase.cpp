@@ -192,10 +192,10 @@ std::int32_t QELsockBase::receive(void* buffer, unsigned length, std::int32_t ti
     if (timeout >= 0 && !waitReadable(fd, std::chrono::microseconds(timeout))) {
         return errTimeout;
     }
-    sockaddr_storage from; // copying it out costs: only for those who ask
+    sockaddr_storage from{};
     socklen_t fromLen = sizeof from;
     const ssize_t count =
-        sender == nullptr
+        sender == nullptr // without copying an address out
             ? ::recv(fd, buffer, length, 0)
             : ::recvfrom(fd, buffer, length, 0, reinterpret_cast<sockaddr*>(&from), &fromLen);
     if (received != nullptr) {

@@ -66,13 +66,28 @@ def test_server_gone_leaves_the_keyboard_working(linger, report, fake_server, te
     fake_server.connection.sendall(message("last"))
     terminal_viewer.expect(Viewer.GREETING + shown("last"))
     table = pathlib.Path("/proc/net/tcp")
-    await_true(lambda: " 02:" in table.read_text(), "the viewer's timer that asks for signs of life")
+    await_true(lambda: [row for row in table.open() if ":C350 01 " in row and " 02:" in row],
+               "the viewer's timer that asks for signs of life")
     fake_server.connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", linger, 0))
     fake_server.close()
     terminal_viewer.expect(report)
     terminal_viewer.press(b"a", HYPHENS + shown("last") + b"\r\n")
     idle(terminal_viewer.process.pid)
     assert terminal_viewer.quit() == 0
+
+
+def test_full_standard_error_stops_nothing(fake_server):
+    reading, writing = os.pipe()
+    os.set_blocking(writing, False)
+    os.write(writing, bytes(1 << 20))
+    os.set_blocking(writing, True)
+    with Viewer(stderr=writing) as viewer:
+        fake_server.accept()
+        fake_server.close()
+        viewer.expect(Viewer.GREETING + b"Rcv: nothing\r\n")
+        assert viewer.quit() == 0
+    os.close(reading)
+    os.close(writing)
 
 
 @pytest.mark.parametrize("path", ["/dev/null", "/"])
