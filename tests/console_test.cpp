@@ -56,11 +56,11 @@ TEST(TerminalFilter, ShowsWhatIsNoTextWhereverItStandsAndIsCut) {
     for (const auto& [text, told] : cases) {
         const std::string shown(told.empty() ? text : told);
         for (std::size_t n = 0; n < 32; ++n) { // eight bytes are looked at at a time
-            const std::string before(n / 2, 'x');
-            const std::string behind(n % 2 * 9, '+');
-            const std::string all = before + std::string(text) + behind;
-            for (std::size_t cut = 0; cut <= all.size(); ++cut) {
-                EXPECT_EQ(onScreen(all, cut), before + shown + behind);
+            const auto within = [n](std::string_view middle) {
+                return std::string(n / 2, 'x').append(middle).append(n % 2 * 9, '+');
+            };
+            for (std::size_t cut = 0; cut <= within(text).size(); ++cut) {
+                EXPECT_EQ(onScreen(within(text), cut), within(shown));
             }
         }
         Screen screen;
