@@ -73,7 +73,8 @@ struct Stage {
         std::istringstream words(script);
         for (std::string word; std::getline(words, word, separator);) {
             const char what = word[0];
-            const std::string rest = word.substr(1), more = word.substr(std::min(word.size(), 2UL));
+            const std::string rest = word.substr(1),
+                              more = word.substr(std::min<std::size_t>(word.size(), 2));
             if (what == '=') {
                 Player due(this, '.');
                 selector->setTimer(&due, 1);

@@ -155,7 +155,7 @@ TEST(Files, HoldEveryMessageOrSayWhyNot) {
     // A full disk, noticed by the close, or by a write already.
     std::signal(SIGXFSZ, SIG_IGN);
     for (const rlim_t limit : {10, 50'000}) {
-        store.append("<14>1 t d sip 1 - " + std::string(2 * limit, 'x'));
+        store.append("<14>1 t d sip 1 - " + std::string(static_cast<std::size_t>(2 * limit), 'x'));
         setrlimit(RLIMIT_FSIZE, std::array{rlimit{limit, RLIM_INFINITY}}.data());
         EXPECT_EQ(store.dumpToFile("/tmp/target"), Dump::fileShort);
     }
