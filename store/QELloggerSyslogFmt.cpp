@@ -21,11 +21,13 @@ constexpr bool isDigit(char c) {
     return c >= '0' && c <= '9';
 }
 
-/// The first tokens. @return how many there are: one counts only if the blank that ends it exists
-template <std::size_t count>
-std::size_t split(std::string_view message, std::array<std::string_view, count>& tokens) {
+/// The tokens that fields are in.
+using Tokens = std::array<std::string_view, procIdToken + 1>;
+
+/// Finds them. @return how many there are: one counts only if the blank that ends it exists
+std::size_t split(std::string_view message, Tokens& tokens) {
     std::size_t found = 0;
-    for (std::size_t blank = 0; found < count; message.remove_prefix(blank + 1)) {
+    for (std::size_t blank = 0; found < tokens.size(); message.remove_prefix(blank + 1)) {
         blank = message.find(' ');
         if (blank == std::string_view::npos) {
             break;
@@ -35,9 +37,8 @@ std::size_t split(std::string_view message, std::array<std::string_view, count>&
     return found;
 }
 
-template <std::size_t position>
-int getToken(std::string_view message, std::string& out) {
-    std::array<std::string_view, position + 1> tokens;
+int getToken(std::string_view message, std::size_t position, std::string& out) {
+    Tokens tokens;
     if (split(message, tokens) <= position) {
         return -1;
     }
@@ -240,7 +241,7 @@ bool QELloggerSyslogFmt::findMessage(std::string_view text, std::size_t& start, 
 }
 
 bool QELloggerSyslogFmt::extract(std::string_view message, QELloggerSyslogMsg& record) {
-    std::array<std::string_view, procIdToken + 1> tokens;
+    Tokens tokens;
     if (parsePriority(message, record.facility, record.severity) < 0 ||
         split(message, tokens) < tokens.size() || getText(message, record.text) != 0) {
         return false;
@@ -272,15 +273,15 @@ int QELloggerSyslogFmt::parsePriority(std::string_view message, std::int32_t& fa
 }
 
 int QELloggerSyslogFmt::getAppName(std::string_view message, std::string& appName) {
-    return getToken<appNameToken>(message, appName);
+    return getToken(message, appNameToken, appName);
 }
 
 int QELloggerSyslogFmt::getProcId(std::string_view message, std::string& procId) {
-    return getToken<procIdToken>(message, procId);
+    return getToken(message, procIdToken, procId);
 }
 
 int QELloggerSyslogFmt::getTimestamp(std::string_view message, std::string& timestamp) {
-    if (getToken<timestampToken>(message, timestamp) != 0) {
+    if (getToken(message, timestampToken, timestamp) != 0) {
         return -1;
     }
     showAsTime(timestamp);

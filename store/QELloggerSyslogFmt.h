@@ -121,9 +121,8 @@ class QELloggerSyslogFmt {
   private:
     using Component = std::map<std::string, bool, std::less<>>::const_iterator;
 
-    /// The same in a loop. @param entry  the entry in `components` of the record before, or its
-    /// end;
-    ///                   becomes that of @p record
+    /// The same in a loop. @param entry  the former record's in `components`, or the end there;
+    ///                                   becomes that of @p record
     [[nodiscard]] bool passesFilters(const QELloggerSyslogMsg& record, Component& entry) const;
     static bool extract(std::string_view message, QELloggerSyslogMsg& record);
     bool store(std::string_view message);

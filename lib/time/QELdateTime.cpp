@@ -35,7 +35,9 @@ std::int32_t isoWeek(const QELdateTime& time) {
     if (thursday > 365 + time.leapYear) {
         return 1;
     }
-    thursday %= gregorianCycleDays; // or a day of long ago would take as many steps as years
+    if (thursday < 1) {
+        thursday %= gregorianCycleDays; // or a day of long ago would take as many steps as years
+    }
     for (std::int64_t year = std::int64_t{time.year} - 1; thursday < 1; --year) {
         thursday += isLeapYear(year) ? 366 : 365;
     }
