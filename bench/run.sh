@@ -2,7 +2,7 @@
 # run.sh NAME [ARGUMENT...]   installs what is missing, builds what ships into build-bench/, and runs
 #   compare, viewer, memory, burst   what it costs, beside other systems (bench/system)
 #   reliability [--runs N] [CASE...] what it does over bad links and when others misbehave (bench/reliability)
-#   store                            what the message store costs (bench/micro)
+#   micro                            what the message store and the calendar cost (bench/micro)
 # in namespaces of its own. Needs root; figures that are to be told need an idle machine.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -20,7 +20,7 @@ peers() {
 name=${1-}
 case $name in
 compare | viewer | memory | burst) command=(/usr/bin/python3 -B "bench/system/$name.py") ;;
-store) command=(build-bench/bench/micro/store_bench) ;;
+micro) command=(build-bench/bench/micro/micro_bench) ;;
 reliability) command=(/usr/bin/python3 -B bench/reliability/run.py) ;;
 *)
     usage >&2

@@ -24,6 +24,9 @@ constexpr std::array<WeekdayTable, 2> weekdayNames = {
 
 constexpr std::int64_t julianDay1601 = 2'305'814;
 
+/// The days after which the Gregorian calendar repeats: 400 years, a whole number of weeks.
+constexpr std::int32_t gregorianCycleDays = 146'097;
+
 constexpr std::int64_t floorDivide(std::int64_t value, std::int64_t divisor) {
     return value / divisor - (value % divisor < 0 ? 1 : 0);
 }
@@ -42,6 +45,18 @@ std::int32_t isoWeek(const QELdateTime& time) {
         thursday += isLeapYear(year) ? 366 : 365;
     }
     return static_cast<std::int32_t>((thursday - 1) / 7 + 1);
+}
+
+/// Inline, since fromMicros is the faster for it.
+inline void derive(QELdateTime& time, std::int64_t dayNumber) {
+    const auto month = static_cast<std::size_t>(std::clamp(time.month, 1, 13));
+    const auto weekday = static_cast<std::int32_t>(dayNumber % 7); // day 0 was a Monday
+    time.weekday = weekday < 0 ? weekday + 7 : weekday;
+    time.leapYear = isLeapYear(time.year) ? 1 : 0;
+    const std::int32_t leapDay = month > 2 ? time.leapYear : 0;
+    time.dayOfYear =
+        static_cast<std::int32_t>(std::int64_t{time.day} + daysBefore[month] + leapDay);
+    time.week = isoWeek(time);
 }
 
 /// Appends a field, written as unsigned, with at least `minDigits` digits.
@@ -129,14 +144,7 @@ void updateDerived(QELdateTime& time) {
 }
 
 void setDerived(QELdateTime& time, std::int64_t dayNumber) {
-    const auto month = static_cast<std::size_t>(std::clamp(time.month, 1, 13));
-    const auto weekday = static_cast<std::int32_t>(dayNumber % 7); // day 0 was a Monday
-    time.weekday = weekday < 0 ? weekday + 7 : weekday;
-    time.leapYear = isLeapYear(time.year) ? 1 : 0;
-    const std::int32_t leapDay = month > 2 ? time.leapYear : 0;
-    time.dayOfYear =
-        static_cast<std::int32_t>(std::int64_t{time.day} + daysBefore[month] + leapDay);
-    time.week = isoWeek(time);
+    derive(time, dayNumber);
 }
 
 void fromMicros(QELdateTime& time, std::uint64_t micros) {
@@ -148,7 +156,7 @@ void fromMicros(QELdateTime& time, std::uint64_t micros) {
             .minute = fields.minute,
             .second = fields.second,
             .microsecond = fields.microsecond};
-    setDerived(time, fields.dayNumber);
+    derive(time, fields.dayNumber);
 }
 
 std::int64_t toMicros(const QELdateTime& time) {

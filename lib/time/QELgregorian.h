@@ -15,9 +15,6 @@ inline constexpr std::int64_t microsPerDay = 24 * microsPerHour;
 /// 1970-01-01 00:00:00, the Unix epoch, as a library time.
 inline constexpr std::int64_t unixEpochMicros = 134'774 * microsPerDay;
 
-/// The days after which the Gregorian calendar repeats: 400 years, a whole number of weeks.
-inline constexpr std::int32_t gregorianCycleDays = 146'097;
-
 /// A library time in its calendar fields.
 struct QELgregorianTime {
     std::int32_t year;
@@ -31,4 +28,36 @@ struct QELgregorianTime {
 };
 
 /// Breaks down any library time from 1601-01-01 on. Constant time.
-QELgregorianTime gregorianFromMicros(std::uint64_t micros);
+///
+/// Years begin in March here, so that leap days come last. Then the nth century starts on day
+/// floor(146097 n / 4), the nth month of a year on day floor((153 n + 2) / 5), and the nth year, if
+/// every century had its leap day, on day floor(1461 n / 4). A division undoes each. See C. Neri,
+/// L. Schneider, "Euclidean affine functions and their application to calendar algorithms",
+/// Software: Practice and Experience 53 (2023).
+///
+/// Not by std::chrono: its years end in 32767, and it is slower.
+inline QELgregorianTime gregorianFromMicros(std::uint64_t micros) {
+    const std::uint64_t seconds = micros / microsPerSecond;
+    const std::uint64_t dayNumber = micros / microsPerDay;
+    const auto second = static_cast<std::uint32_t>(seconds - dayNumber * 86'400);
+    const std::uint32_t minute = second / 60;
+
+    const std::uint32_t days = static_cast<std::uint32_t>(dayNumber) + 306; // since 1600-03-01
+    const std::uint32_t century = (4 * days + 3) / 146'097;
+    const std::uint32_t leapDaysLeftOut = century - century / 4;
+    const std::uint32_t quarterDays = 4 * (days + leapDaysLeftOut) + 3;
+    const std::uint32_t year = 1600 + quarterDays / 1461;
+    const std::uint32_t dayOfYear = quarterDays % 1461 / 4;
+    const std::uint32_t month = (5 * dayOfYear + 2) / 153;
+    const std::uint32_t day = dayOfYear - (153 * month + 2) / 5;
+    const bool endsYear = month >= 10; // January or February
+
+    return {.year = static_cast<std::int32_t>(endsYear ? year + 1 : year),
+            .month = static_cast<std::int32_t>(endsYear ? month - 9 : month + 3),
+            .day = static_cast<std::int32_t>(day + 1),
+            .hour = static_cast<std::int32_t>(minute / 60),
+            .minute = static_cast<std::int32_t>(minute % 60),
+            .second = static_cast<std::int32_t>(second % 60),
+            .microsecond = static_cast<std::int32_t>(micros - seconds * microsPerSecond),
+            .dayNumber = static_cast<std::int32_t>(dayNumber)};
+}
