@@ -29,20 +29,22 @@ struct QELgregorianTime {
 
 /// Breaks down any library time from 1601-01-01 on. Constant time.
 ///
-/// Years begin in March here, so that leap days come last. Then the nth century starts on day
-/// floor(146097 n / 4), the nth month of a year on day floor((153 n + 2) / 5), and the nth year, if
-/// every century had its leap day, on day floor(1461 n / 4). A division undoes each. See C. Neri,
-/// L. Schneider, "Euclidean affine functions and their application to calendar algorithms",
-/// Software: Practice and Experience 53 (2023).
+/// The days are counted from 1600-03-01 here, and years begin in March, so that leap days come
+/// last. Month n of a year then begins on its day floor((153 n + 2) / 5), and century n on day
+/// floor(146097 n / 4). Year n would begin on day floor(1461 n / 4) if every fourth one were a leap
+/// year; `leapDaysLeftOut` makes up for those that are not. A division undoes each.
 ///
-/// Not by std::chrono: its years end in 32767, and it is slower.
+/// Source: C. Neri, L. Schneider, "Euclidean affine functions and their application to calendar
+/// algorithms", Software: Practice and Experience 53 (2023).
+///
+/// Not by std::chrono: its years end with 32767, and it is slower.
 inline QELgregorianTime gregorianFromMicros(std::uint64_t micros) {
     const std::uint64_t seconds = micros / microsPerSecond;
     const std::uint64_t dayNumber = micros / microsPerDay;
     const auto second = static_cast<std::uint32_t>(seconds - dayNumber * 86'400);
     const std::uint32_t minute = second / 60;
 
-    const std::uint32_t days = static_cast<std::uint32_t>(dayNumber) + 306; // since 1600-03-01
+    const std::uint32_t days = static_cast<std::uint32_t>(dayNumber) + 306;
     const std::uint32_t century = (4 * days + 3) / 146'097;
     const std::uint32_t leapDaysLeftOut = century - century / 4;
     const std::uint32_t quarterDays = 4 * (days + leapDaysLeftOut) + 3;
