@@ -42,6 +42,11 @@ TEST(Formatters, WriteEveryFieldAndCutLinesAboveTheLimitOnly) {
     for (std::size_t length = 0; length < 6'000; ++length) {
         check(length);
     }
+    const auto namesThisProcess = [&] {
+        const std::string own = "sip " + std::to_string(getpid()) + " - ";
+        return QELlogger5_5424::formatAt(time, 6, "dev01", "sip", "").ends_with(own);
+    };
+    EXPECT_EXIT(_exit(namesThisProcess() ? 7 : 1), testing::ExitedWithCode(7), "") << "a child";
 }
 
 TEST(Formatters, StampTheCurrentTime) {

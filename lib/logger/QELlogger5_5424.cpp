@@ -29,7 +29,7 @@ std::string QELlogger5_5424::formatAt(std::uint64_t time, int severity, std::str
     line.text(" ");
     line.text(appName);
     line.text(" ");
-    line.number(getpid());
+    line.number(getpid()); // not kept, or a child would name its parent
     line.text(" - ");
     line.text(text);
     return line.finish();
